@@ -1,0 +1,19 @@
+# tarn_add_tests(<target> LIBS <library>... SOURCES <file>... [TIMEOUT <seconds>])
+#
+# One test program of a room. Each TEST in it becomes a test of ctest.
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+function(tarn_add_tests target)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "LIBS;SOURCES" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  add_executable(${target} ${ARG_SOURCES})
+  target_link_libraries(${target} PRIVATE ${ARG_LIBS} GTest::gmock GTest::gtest_main)
+  target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
+  # Tests use every corner of an interface, conversions between widths included.
+  target_compile_options(${target} PRIVATE -Wno-sign-conversion -Wno-conversion)
+  gtest_discover_tests(${target} DISCOVERY_TIMEOUT 120
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+endfunction()
