@@ -11,9 +11,8 @@ namespace Platform {
 /// Prints "<source>: <function>: assertion failed: <text>" to standard error, hands the three
 /// texts to the installed reporter, then aborts. May be called on any thread; never returns and
 /// never throws.
-[[noreturn]] TARN_PLATFORM_API void fatalAssertion(std::string_view source,
-                                                   std::string_view function,
-                                                   std::string_view text) noexcept;
+[[noreturn]] TARN_PLATFORM_API void
+fatalAssertion(std::string_view source, std::string_view function, std::string_view text) noexcept;
 
 /// Told of a fatal assertion before the process aborts. Must not throw.
 using FatalReporter = void (*)(std::string_view source, std::string_view function,
