@@ -1,0 +1,136 @@
+#include "TarnRegFile/MockTransportMethodImpl.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include <fmt/format.h>
+
+namespace TarnRegFile {
+
+namespace {
+
+constexpr const char* valuesFileVariable = "REG_VALUES_FILE";
+constexpr const char* valuesHeader = "Address,Value\n";
+constexpr std::uint8_t mockAddrBlockSize = 4;
+
+/// How much of the file at `path` there is to read: what it holds now. One that is appended to
+/// meanwhile would otherwise never end. Other kinds of file hold nothing, but for a pipe, which
+/// ends when its writer closes it.
+std::uint64_t readableSize(const String& path) {
+   struct stat status {};
+   if (::stat(path.c_str(), &status) != 0) {
+      return 0;
+   }
+   if (S_ISFIFO(status.st_mode)) {
+      return UINT64_MAX;
+   }
+   return S_ISREG(status.st_mode) ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
+} // namespace
+
+MockTransportMethodImpl::MockTransportMethodImpl(const char* csvPath,
+                                                 const Ptr<HardwareRegisterFile>& regFileModel)
+   : BaseTransportMethodImpl(csvPath, mockAddrBlockSize, regFileModel) {
+   const char* file = std::getenv(valuesFileVariable);
+   if (file && *file) {
+      _regValuesFile = file;
+      _loadRegValues();
+   }
+}
+
+MockTransportMethodImpl::~MockTransportMethodImpl() = default;
+
+std::uint32_t MockTransportMethodImpl::regRead(const char* name) {
+   const std::uint32_t address = helper->registerByName(name).address;
+   const auto [entry, added] = _regValues.try_emplace(address, 0);
+   const std::uint32_t value = entry->second;
+   if (added) {
+      _doPersistRegValues();
+   }
+   return value;
+}
+
+void MockTransportMethodImpl::regWrite(const char* name, std::uint32_t value) {
+   const std::uint32_t address = helper->registerByName(name).address;
+   const auto [entry, added] = _regValues.try_emplace(address, value);
+   if (!added && entry->second == value) {
+      return;
+   }
+   entry->second = value;
+   _doPersistRegValues();
+}
+
+void MockTransportMethodImpl::regReadBlock(const char* name, std::uint32_t* out,
+                                           std::uint32_t count) {
+   std::uint32_t address = helper->registerByName(name).address;
+   bool anyAdded = false;
+   for (std::uint32_t i = 0; i < count; ++i) {
+      const auto [entry, added] = _regValues.try_emplace(address, 0);
+      out[i] = entry->second;
+      anyAdded |= added;
+      address += helper->addrBlockSize();
+   }
+   if (anyAdded) {
+      _doPersistRegValues();
+   }
+}
+
+void MockTransportMethodImpl::regWriteBlock(const char* name, const std::uint32_t* values,
+                                            std::uint32_t count) {
+   std::uint32_t address = helper->registerByName(name).address;
+   for (std::uint32_t i = 0; i < count; ++i) {
+      _regValues[address] = values[i];
+      address += helper->addrBlockSize();
+   }
+   // Always, unlike regWrite: a block write also serves to bring the file up to date.
+   _doPersistRegValues();
+}
+
+void MockTransportMethodImpl::_loadRegValues() {
+   const std::uint64_t size = readableSize(_regValuesFile);
+   if (size == 0) {
+      return;
+   }
+   std::ifstream in(_regValuesFile);
+   String line;
+   std::uint64_t consumed = 0;
+   bool headerLine = true;
+   while (consumed < size && std::getline(in, line)) {
+      consumed += line.size() + 1;
+      if (!headerLine) {
+         _loadLine(line);
+      }
+      headerLine = false;
+   }
+}
+
+void MockTransportMethodImpl::_loadLine(const String& line) {
+   const std::size_t comma = line.find(',');
+   if (comma == String::npos) {
+      return;
+   }
+   const auto address = static_cast<std::uint32_t>(std::stoul(line.substr(0, comma)));
+   const auto value = static_cast<std::uint32_t>(std::stoul(line.substr(comma + 1)));
+   _regValues[address] = value;
+}
+
+void MockTransportMethodImpl::_doPersistRegValues() const {
+   if (_regValuesFile.empty()) {
+      return;
+   }
+   std::ofstream out(_regValuesFile, std::ios::trunc);
+   if (!out) {
+      return;
+   }
+   String text = valuesHeader;
+   for (const auto& [address, value] : _regValues) {
+      fmt::format_to(std::back_inserter(text), "{},{}\n", address, value);
+   }
+   out << text;
+}
+
+} // namespace TarnRegFile
