@@ -33,7 +33,9 @@ void messageAdd(int priority, const char* format, std::va_list arguments) {
 } // namespace
 
 // These stand in front of the C library's for the whole test program: no system log is needed, and
-// none gets lines from tests.
+// none gets lines from tests. Visible, or the
+// library would not find them.
+#pragma GCC visibility push(default)
 extern "C" {
 
 void openlog(const char* ident, int options, int facility) {
