@@ -1,6 +1,7 @@
 #include "TarnRegFile/ArrayExpansion.h"
 
 #include <cerrno>
+#include <exception>
 #include <string>
 
 #include <fmt/format.h>
@@ -54,10 +55,6 @@ int boundAt(std::string_view text, std::size_t begin, std::size_t end) {
 Range readRange(std::string_view text, const Brackets& brackets) {
    const int lower = boundAt(text, brackets.open + 1, brackets.colon);
    const int upper = boundAt(text, brackets.colon + 1, brackets.close);
-   if (lower > upper) {
-      Platform::fatalAssertion("TarnRegFile/RegisterFileHelper", "_expandArray",
-                               "upper >= lower && \"incorrect sub-array index values!\"");
-   }
    return {lower, upper, {}};
 }
 
@@ -109,6 +106,10 @@ std::uint32_t _expandArray(std::string_view text, std::vector<String>& out) {
    std::uint64_t count = 1;
    while (brackets.found()) {
       Range range = readRange(text, brackets);
+      if (range.lower > range.upper) {
+         Platform::fatalAssertion("TarnRegFile/RegisterFileHelper", "_expandArray",
+                                  "upper >= lower && \"incorrect sub-array index values!\"");
+      }
       // The count so far is small and the range at most 2^32: the product cannot wrap.
       count *= range.size();
       checkSize(count, text.size());
@@ -126,6 +127,24 @@ std::uint32_t _expandArray(std::string_view text, std::vector<String>& out) {
       throw;
    }
    return static_cast<std::uint32_t>(count);
+}
+
+bool hasReversedArrayBounds(std::string_view text) noexcept {
+   std::uint64_t count = 1;
+   try {
+      for (Brackets brackets = findRange(text, 0); brackets.found();
+           brackets = findRange(text, brackets.close + 1)) {
+         const Range range = readRange(text, brackets);
+         if (range.lower > range.upper) {
+            return true;
+         }
+         count *= range.size();
+         checkSize(count, text.size());
+      }
+   } catch (const std::exception&) {
+      // The expansion ends there, with an exception and not with the process.
+   }
+   return false;
 }
 
 } // namespace TarnRegFile

@@ -27,4 +27,8 @@ constexpr std::uint64_t maxArrayExpansionBytes = 1U << 28;
 /// array expands to more than {} registers" or "... bytes". `out` is unchanged when it throws.
 TARN_API std::uint32_t _expandArray(std::string_view text, std::vector<String>& out);
 
+/// Whether _expandArray() would stop the process for `text`. For tools that look at a file which
+/// they do not trust.
+TARN_API bool hasReversedArrayBounds(std::string_view text) noexcept;
+
 } // namespace TarnRegFile
