@@ -258,6 +258,10 @@ bool TransportMethod::hasRegName(const String& regName) const {
    return _implOrThrow().regFileHelper()->hasRegName(regName);
 }
 
+const Ptr<RegFileHelper>& TransportMethod::regFileHelper() const {
+   return _implOrThrow().regFileHelper();
+}
+
 bool TransportMethod::isAsync() const {
    if (!_descriptorPtr) {
       Platform::throwErrno(noDescriptor);

@@ -123,6 +123,9 @@ public:
    Ptr<RegList> regList() const;
    bool hasRegName(const String& regName) const;
 
+   /// The register list itself, for tools that need every record; never null.
+   const Ptr<RegFileHelper>& regFileHelper() const;
+
    /// Whether results arrive later. Throws std::system_error with errno (system category)
    /// "TransportMethod not initialized" while there is no descriptor.
    bool isAsync() const;
