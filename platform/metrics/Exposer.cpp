@@ -1,10 +1,13 @@
 #include "platform/metrics/Exposer.h"
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <exception>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -93,7 +96,8 @@ private:
 
 class Socket {
 public:
-   explicit Socket(int family) : _fd(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+   explicit Socket(const ListenAddress& address, int flags = 0)
+      : _fd(::socket(address.isV6() ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0)) {}
    ~Socket() {
       if (_fd >= 0) {
          ::close(_fd);
@@ -108,32 +112,45 @@ private:
    const int _fd;
 };
 
+class SocketAddress {
+public:
+   SocketAddress(const ListenAddress& address, std::uint16_t port) noexcept {
+      if (address.isV6()) {
+         auto* v6 = reinterpret_cast<sockaddr_in6*>(&_storage);
+         v6->sin6_family = AF_INET6;
+         v6->sin6_port = htons(port);
+         ::inet_pton(AF_INET6, address.address().c_str(), &v6->sin6_addr);
+         _size = sizeof *v6;
+      } else {
+         auto* v4 = reinterpret_cast<sockaddr_in*>(&_storage);
+         v4->sin_family = AF_INET;
+         v4->sin_port = htons(port);
+         ::inet_pton(AF_INET, address.address().c_str(), &v4->sin_addr);
+         _size = sizeof *v4;
+      }
+   }
+
+   [[nodiscard]] const sockaddr* get() const noexcept {
+      return reinterpret_cast<const sockaddr*>(&_storage);
+   }
+   [[nodiscard]] socklen_t size() const noexcept { return _size; }
+
+private:
+   sockaddr_storage _storage{};
+   socklen_t _size = 0;
+};
+
 // The HTTP server says no more than that it could not start; the reason is found by listening
 // here first. 0, or the errno.
 int listenError(const ListenAddress& address) noexcept {
-   const Socket socket(address.isV6() ? AF_INET6 : AF_INET);
+   const Socket socket(address);
    const int on = 1;
    if (socket.fd() < 0 ||
        ::setsockopt(socket.fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
       return errno;
    }
-   sockaddr_storage storage{};
-   socklen_t size = 0;
-   if (address.isV6()) {
-      auto* v6 = reinterpret_cast<sockaddr_in6*>(&storage);
-      v6->sin6_family = AF_INET6;
-      v6->sin6_port = htons(address.port());
-      ::inet_pton(AF_INET6, address.address().c_str(), &v6->sin6_addr);
-      size = sizeof *v6;
-   } else {
-      auto* v4 = reinterpret_cast<sockaddr_in*>(&storage);
-      v4->sin_family = AF_INET;
-      v4->sin_port = htons(address.port());
-      ::inet_pton(AF_INET, address.address().c_str(), &v4->sin_addr);
-      size = sizeof *v4;
-   }
-   if (::bind(socket.fd(), reinterpret_cast<const sockaddr*>(&storage), size) != 0 ||
-       ::listen(socket.fd(), 1) != 0) {
+   const SocketAddress where(address, address.port());
+   if (::bind(socket.fd(), where.get(), where.size()) != 0 || ::listen(socket.fd(), 1) != 0) {
       return errno;
    }
    return 0;
@@ -159,8 +176,8 @@ private:
    sigset_t _previous{};
 };
 
-std::unique_ptr<prometheus::Exposer> exposerNew(std::string_view text) {
-   const ListenAddress address(text);
+std::unique_ptr<prometheus::Exposer> exposerNew(const ListenAddress& address,
+                                                std::string_view text) {
    const auto failed = [&](int error) {
       return std::system_error(error, std::generic_category(),
                                fmt::format("cannot serve metrics on '{}'", text));
@@ -188,21 +205,57 @@ std::unique_ptr<prometheus::Exposer> exposerNew(std::string_view text) {
 } // namespace
 
 struct Exposer::Server {
-   Server(std::shared_ptr<const SeriesTable> table, std::string_view address)
-      : collectable(std::make_shared<TableCollectable>(std::move(table))),
-        exposer(exposerNew(address)) {
+   Server(std::shared_ptr<const SeriesTable> table, std::string_view text)
+      : address(text), collectable(std::make_shared<TableCollectable>(std::move(table))),
+        exposer(exposerNew(address, text)) {
       exposer->RegisterCollectable(collectable);
+      const std::vector<int> ports = exposer->GetListeningPorts();
+      port = ports.empty() ? std::uint16_t{0} : static_cast<std::uint16_t>(ports.front());
    }
 
+   ~Server() { stop(); }
+
+   Server(const Server&) = delete;
+   Server& operator=(const Server&) = delete;
+
+   // Left alone, the HTTP server looks only every two seconds whether it is to stop, and a program
+   // would take as long to end. A connection makes it look at once; as nobody can tell from here
+   // when it has been told, there are more of them until it is gone.
+   void stop() noexcept {
+      std::atomic<bool> stopped{false};
+      std::thread knocker;
+      try {
+         const SignalsBlocked signalsBlocked;
+         knocker = std::thread([&] {
+            const SocketAddress where(address, port);
+            while (!stopped) {
+               const Socket socket(address, SOCK_NONBLOCK);
+               ::connect(socket.fd(), where.get(), where.size());
+               std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+         });
+      } catch (const std::system_error&) {
+         // No thread to be had: it takes its two seconds.
+      }
+      exposer.reset();
+      stopped = true;
+      if (knocker.joinable()) {
+         knocker.join();
+      }
+   }
+
+   const ListenAddress address;
    // The server knows it only weakly.
    const std::shared_ptr<TableCollectable> collectable;
-   const std::unique_ptr<prometheus::Exposer> exposer;
+   std::unique_ptr<prometheus::Exposer> exposer;
+   std::uint16_t port = 0;
 };
 
 Exposer::Exposer(const Registry& registry, std::string_view address)
-   : _server(std::make_unique<Server>(registry._table, address)) {
-   const std::vector<int> ports = _server->exposer->GetListeningPorts();
-   _port = ports.empty() ? std::uint16_t{0} : static_cast<std::uint16_t>(ports.front());
+   : _server(std::make_unique<Server>(registry._table, address)) {}
+
+std::uint16_t Exposer::port() const noexcept {
+   return _server->port;
 }
 
 Exposer::~Exposer() = default;

@@ -30,13 +30,12 @@ public:
    Exposer& operator=(const Exposer&) = delete;
 
    /// The port that is listened on.
-   [[nodiscard]] std::uint16_t port() const noexcept { return _port; }
+   [[nodiscard]] std::uint16_t port() const noexcept;
 
 private:
    struct Server;
 
    const std::unique_ptr<Server> _server;
-   std::uint16_t _port = 0;
 };
 
 } // namespace Platform::Metrics

@@ -13,7 +13,7 @@ namespace {
 
 bool isAddress(int family, const std::string& text) noexcept {
    in6_addr any{}; // large enough for either family
-   return ::inet_pton(family, text.c_str(), &any) == 1;
+   return text.find('\0') == std::string::npos && ::inet_pton(family, text.c_str(), &any) == 1;
 }
 
 } // namespace

@@ -24,6 +24,22 @@ Registry::Limits checked(const Registry::Limits& limits) {
    return limits;
 }
 
+// As the exposition has it, on one line. The serializer escapes label values but not this.
+std::string helpText(std::string_view help) {
+   constexpr std::size_t maxBytes = 256;
+   std::string text;
+   for (const char character : boundedLabelValue(help, maxBytes)) {
+      if (character == '\\') {
+         text += "\\\\";
+      } else if (character == '\n') {
+         text += "\\n";
+      } else {
+         text += character;
+      }
+   }
+   return text;
+}
+
 std::shared_ptr<const SeriesTable::Description> description(Registry::NamedCounter&& counter,
                                                             const std::vector<Label>& commonLabels,
                                                             const Registry::Limits& limits) {
@@ -60,8 +76,8 @@ std::shared_ptr<const SeriesTable::Description> description(Registry::NamedCount
       throw std::invalid_argument(
          fmt::format("metric {}: the label {} is given twice", name, twice->name));
    }
-   return std::make_shared<const SeriesTable::Description>(SeriesTable::Description{
-      std::move(counter.name), std::move(counter.help), std::move(labels)});
+   return std::make_shared<const SeriesTable::Description>(
+      SeriesTable::Description{std::move(counter.name), helpText(counter.help), std::move(labels)});
 }
 
 } // namespace

@@ -40,7 +40,8 @@ public:
    };
 
    /// A counter under the name that the collecting side knows it by. By custom the name ends in
-   /// `_total`. `help` says in a line what is counted, the same for all series of the name.
+   /// `_total`. `help` says what is counted, in a line of up to 256 bytes, the same for all series
+   /// of the name.
    struct NamedCounter {
       std::string name;
       std::string help;
