@@ -10,6 +10,14 @@
 
 namespace Platform {
 
+namespace Detail {
+/// What makes an object itself, whichever of its base classes a pointer names it by.
+template <typename T>
+const void* identity(const T* object) noexcept {
+   return static_cast<const RefCounted*>(object);
+}
+} // namespace Detail
+
 /// Counted reference to a RefCounted object; one word. Converts implicitly to Ptr<const T> and to
 /// a base class; ptrCast() is the explicit, checked way down. Compares and hashes by identity.
 ///
@@ -66,7 +74,7 @@ public:
 
    template <typename H>
    friend H AbslHashValue(H state, const Ptr& pointer) {
-      return H::combine(std::move(state), static_cast<const void*>(pointer._object));
+      return H::combine(std::move(state), Detail::identity(pointer._object));
    }
 
 private:
@@ -96,7 +104,7 @@ private:
 
 template <typename T, typename U>
 bool operator==(const Ptr<T>& a, const Ptr<U>& b) noexcept {
-   return a.get() == b.get();
+   return Detail::identity(a.get()) == Detail::identity(b.get());
 }
 
 template <typename T>
@@ -106,8 +114,7 @@ bool operator==(const Ptr<T>& a, std::nullptr_t) noexcept {
 
 template <typename T, typename U>
 std::strong_ordering operator<=>(const Ptr<T>& a, const Ptr<U>& b) noexcept {
-   return std::compare_three_way{}(static_cast<const void*>(a.get()),
-                                   static_cast<const void*>(b.get()));
+   return std::compare_three_way{}(Detail::identity(a.get()), Detail::identity(b.get()));
 }
 
 /// Makes a T and returns its first reference. If the constructor throws, the exception passes on
@@ -128,6 +135,6 @@ Ptr<T> ptrCast(const Ptr<U>& pointer) noexcept {
 template <typename T>
 struct std::hash<Platform::Ptr<T>> {
    std::size_t operator()(const Platform::Ptr<T>& pointer) const noexcept {
-      return std::hash<const void*>{}(pointer.get());
+      return std::hash<const void*>{}(Platform::Detail::identity(pointer.get()));
    }
 };
