@@ -1,5 +1,7 @@
 #include "platform/entity/Notifiee.h"
 
+#include <utility>
+
 #include "platform/entity/Node.h"
 #include "platform/entity/Publisher.h"
 
@@ -14,38 +16,34 @@ void Notifiee::notifierIs(const Node* source) {
       return;
    }
    _unsubscribe();
-   _notifier = source;
-   _subscribe();
+   _subscribe(source);
 }
 
 void Notifiee::activeIs(bool active) {
    if (active == _active) {
       return;
    }
-   if (active) {
-      _active = true;
-      _subscribe();
-   } else {
-      _unsubscribe();
-      _active = false;
-   }
+   const Node* source = _notifier;
+   _unsubscribe();
+   _active = active;
+   _subscribe(source);
 }
 
 void Notifiee::zombieIs() noexcept {
    _unsubscribe();
-   _notifier = nullptr;
    _zombie = true;
 }
 
-void Notifiee::_subscribe() {
-   if (_notifier && _active && !_zombie) {
-      _notifier->publisher().notifieeIs(*this);
+void Notifiee::_subscribe(const Node* source) {
+   if (source) {
+      source->publisher().notifieeIs(*this);
    }
+   _notifier = source;
 }
 
 void Notifiee::_unsubscribe() noexcept {
-   if (_notifier && _active) {
-      _notifier->publisher().notifieeDel(*this);
+   if (const Node* source = std::exchange(_notifier, nullptr)) {
+      source->publisher().notifieeDel(*this);
    }
 }
 

@@ -50,7 +50,7 @@ protected:
 private:
    friend class Publisher;
 
-   void _subscribe();
+   void _subscribe(const Node* source);
    void _unsubscribe() noexcept;
 
    const Node* _notifier = nullptr;

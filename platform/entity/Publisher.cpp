@@ -8,7 +8,7 @@
 namespace Platform {
 
 Publisher::~Publisher() {
-   for (Slots* slots : {&_changes, &_zeroReferences}) {
+   for (Slots* slots : {&_changes, &_zeroReferences, &_inactive}) {
       for (Notifiee* notifiee : slots->entries) {
          if (notifiee) {
             notifiee->_notifier = nullptr;
@@ -18,6 +18,9 @@ Publisher::~Publisher() {
 }
 
 Publisher::Slots& Publisher::_slotsOf(const Notifiee& notifiee) noexcept {
+   if (!notifiee._active) {
+      return _inactive;
+   }
    return notifiee._kind == Notifiee::Kind::changes ? _changes : _zeroReferences;
 }
 

@@ -50,6 +50,7 @@ private:
 
    Slots _changes;
    Slots _zeroReferences;
+   Slots _inactive; // never called, but told when the node goes
 };
 
 } // namespace Platform
