@@ -35,7 +35,8 @@ public:
    // Virtual slots, in this order: destructor and last-user hook (both from RefCounted), publisher
    // access, type data. Compiled observers rely on it.
 
-   /// Where the notifiees of this node are registered.
+   /// Where the notifiees of this node are registered. An override, which may want to know that
+   /// somebody subscribes, returns what this one returns.
    virtual Publisher& publisher() const;
 
    /// The table that describes the node's most derived type.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <initializer_list>
+#include <stdexcept>
 #include <string_view>
 #include <tuple>
 #include <type_traits>
@@ -116,8 +117,14 @@ public:
    TypeData build() { return std::move(_type); }
 
 private:
-   static C& _of(Node& node) { return dynamic_cast<C&>(node); }
-   static const C& _of(const Node& node) { return dynamic_cast<const C&>(node); }
+   static C& _of(Node& node) { return const_cast<C&>(_of(std::as_const(node))); }
+   static const C& _of(const Node& node) {
+      const C* object = dynamic_cast<const C*>(&node);
+      if (!object) {
+         Detail::throwWrongClass(node, C::staticType());
+      }
+      return *object;
+   }
 
    template <typename Arguments, std::size_t... I>
    static void _arguments(OperationData& row, std::initializer_list<std::string_view> names,

@@ -95,11 +95,18 @@ String ValueTraits<double>::write(double value) {
 double ValueTraits<double>::read(TextRange& range) {
    TextRange ahead = range;
    const std::string_view number = ahead.takeNumber();
+   std::string_view digits = number;
+   if (digits.starts_with('+') && !digits.starts_with("+-")) {
+      digits.remove_prefix(1); // which from_chars does not take
+   }
    double value = 0;
-   const char* end = number.data() + number.size();
-   const auto [stop, error] = std::from_chars(number.data(), end, value);
-   if (error != std::errc() || stop != end) {
+   const char* end = digits.data() + digits.size();
+   const auto [stop, error] = std::from_chars(digits.data(), end, value);
+   if (error == std::errc::invalid_argument || stop != end) {
       throwNoNumber(number, range);
+   }
+   if (error != std::errc()) {
+      throw RangeError(fmt::format("{} is out of range for Double", number));
    }
    range = ahead;
    return value;
@@ -175,7 +182,7 @@ String writeReference(const Node* node) {
    }
    const TypeData& type = node->typeData();
    const AttributeData* name = type.findAttribute("name");
-   if (!name) {
+   if (!name || name->collection()) {
       return fmt::format("Entity({})", quote(type.name()));
    }
    return fmt::format("Entity({}, {})", quote(type.name()), name->get(*node).toString());
@@ -209,7 +216,7 @@ void throwWrongClass(const Node& node, const TypeData& wanted) {
 
 Integer integerIn(const std::any& data) {
    return takeAnyInteger<int, unsigned, long, unsigned long, long long, unsigned long long, short,
-                         unsigned short, signed char, unsigned char>(data);
+                         unsigned short, char, signed char, unsigned char>(data);
 }
 
 void throwNotA(std::string_view text, std::string_view type, std::string_view reason) {

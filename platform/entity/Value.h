@@ -122,13 +122,21 @@ public:
          }
       }
       if constexpr (isPtr<T>) {
-         if (value.type()) {
-            if (const Ptr<Node> object = value.type()->node(value.data())) {
-               return std::any(Traits::cast(object));
-            }
+         if (value.type() && (value.type()->reference() == Reference::entity ||
+                              value.type()->reference() == reference())) {
+            return std::any(Traits::cast(value.type()->node(value.data())));
          }
       }
       throwCannotConvert(value, name());
+   }
+
+   Reference reference() const override {
+      if constexpr (isPtr<T>) {
+         return std::is_const_v<typename T::element_type> ? Reference::constEntity
+                                                          : Reference::entity;
+      } else {
+         return Reference::none;
+      }
    }
 
    Ptr<Node> node([[maybe_unused]] const std::any& data) const override {
@@ -163,6 +171,7 @@ const ValueType& valueType() {
 
 template <typename Key>
 void Node::publish(AttributeId attribute, const Key& key) const {
+   _checkThread("publish");
    if (hasNotifiees()) {
       _publish(attribute, Value::of(key));
    }

@@ -96,7 +96,9 @@ struct ValueTraits<E> {
 /// directory.
 template <typename T>
 struct ValueTraits<Ptr<T>> {
-   static String name() { return "Ptr<" + String(T::staticType().name()) + ">"; }
+   static String name() {
+      return (std::is_const_v<T> ? "Ptr<const " : "Ptr<") + String(T::staticType().name()) + ">";
+   }
    static String write(const Ptr<T>& value) { return Detail::writeReference(value.get()); }
    static Ptr<T> read(TextRange& range) { return cast(Detail::readReference(range)); }
 

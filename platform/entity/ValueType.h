@@ -37,7 +37,12 @@ public:
    /// reference to an object that is of the wanted class. Throws RangeError.
    virtual std::any convert(const Value& value) const = 0;
 
-   /// The entity that `data` refers to; null for types that are no references.
+   /// What values of the type refer to.
+   enum class Reference { none, constEntity, entity };
+   virtual Reference reference() const { return Reference::none; }
+
+   /// The entity that `data` refers to; null for a null reference and for types that are none.
+   /// Whoever asks respects that reference() may be to a const entity.
    virtual Ptr<Node> node(const std::any& data) const;
 
 protected:
@@ -47,6 +52,6 @@ protected:
 
 /// The type of T's values; T must have ValueTraits.
 template <typename T>
-const ValueType& valueType();
+TARN_PLATFORM_API const ValueType& valueType();
 
 } // namespace Platform
