@@ -10,6 +10,9 @@
 namespace Platform {
 
 void Directory::add(const String& name, const Ptr<Node>& node) {
+   if (!node) {
+      throw RangeError(fmt::format("no entity to enter under the name {}", quote(name)));
+   }
    if (_entries.size() >= _sweepAt) {
       _sweep();
    }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <string_view>
 #include <utility>
@@ -15,12 +16,16 @@ namespace Platform {
 /// hands it to the parsers that resolve references. Used on the thread of its entities.
 class TARN_PLATFORM_API Directory {
 public:
-   /// Enters `node` under its type's name and `name`. Throws RangeError when another live entity
-   /// has that place.
+   /// Enters `node` under its type's name and `name`. Throws RangeError when `node` is null or
+   /// another live entity has that place.
    void add(const String& name, const Ptr<Node>& node);
 
    /// The live entity of that type and name, or null.
    Ptr<Node> find(std::string_view type, std::string_view name) const;
+
+   /// Entries held, those of entities that have died since the last sweep included. For tests and
+   /// diagnostics.
+   std::size_t size() const noexcept { return _entries.size(); }
 
 private:
    using Key = std::pair<String, String>;

@@ -2,6 +2,7 @@
 
 #include <concepts>
 #include <cstdint>
+#include <iterator>
 #include <ostream>
 #include <string_view>
 #include <type_traits>
@@ -72,6 +73,13 @@ E enumInstance(std::string_view name) {
 template <ReflectedEnum E>
 E enumParse(TextRange& range) {
    return static_cast<E>(Detail::enumParse(Detail::enumTable<E>(), range));
+}
+
+/// Writes the string form. An enumeration of another namespace joins in there with
+/// `using Platform::operator<<;`.
+template <ReflectedEnum E>
+std::ostream& operator<<(std::ostream& stream, E value) {
+   return stream << enumString(value);
 }
 
 } // namespace Platform

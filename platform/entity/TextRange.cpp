@@ -1,6 +1,6 @@
 #include "platform/entity/TextRange.h"
 
-#include <cctype>
+#include <cstdint>
 
 #include <fmt/format.h>
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <string_view>
 
 #include "platform/entity/Export.h"
@@ -23,7 +25,8 @@ public:
    /// The next character, or NUL at the end.
    char peek() const noexcept { return _rest.empty() ? '\0' : _rest.front(); }
 
-   void advance(std::size_t count) noexcept { _rest.remove_prefix(count); }
+   /// Drops `count` characters off the front, or all when there are fewer.
+   void advance(std::size_t count) noexcept { _rest.remove_prefix(std::min(count, _rest.size())); }
 
    /// Takes `prefix` off the front if it is there.
    bool consume(std::string_view prefix) noexcept;
