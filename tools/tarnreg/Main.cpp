@@ -1,0 +1,5 @@
+#include "tools/tarnreg/CommandLine.h"
+
+int main(int argc, char** argv) {
+   return static_cast<int>(TarnReg::runCommandLine(argc, argv));
+}

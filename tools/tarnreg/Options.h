@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+#include "tools/tarnreg/Console.h"
+#include "tools/tarnreg/NumberFormat.h"
+
+namespace TarnReg {
+
+/// What the command line says for every verb.
+struct Options {
+   std::string file;                ///< --file: the register list
+   std::string transport = "mock:"; ///< --transport
+   bool json = false;
+   NumberBase base = NumberBase::hex;
+   int trace = -1; ///< --trace: level 0 to 9; -1 when not given
+   ColorMode color = ColorMode::automatic;
+};
+
+} // namespace TarnReg

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "TarnRegFile/Types.h"
+#include "tools/tarnreg/Console.h"
+#include "tools/tarnreg/ExitCode.h"
+#include "tools/tarnreg/NumberFormat.h"
+
+namespace TarnReg {
+
+/// Collects what a verb found and says it as lines or as one JSON document, and keeps the exit
+/// code. Lines are printed as they come, the document when the verb is done, also when parts of
+/// it failed.
+class Report {
+public:
+   Report(Console& console, std::string verb, bool json, NumberBase base);
+
+   bool json() const noexcept { return _json; }
+
+   /// A register and its value: "NAME  0x2a".
+   void value(const TarnRegFile::HardwareRegister& record, std::uint32_t value);
+
+   /// One line of data, or one element of the document's array `list`.
+   void row(const std::string& list, const std::string& line, nlohmann::ordered_json element);
+
+   /// A failure: said at once on standard error, kept for the document and the exit code.
+   void failure(ExitCode code, const std::string& text, const std::string& name = {});
+
+   /// Prints the document, if that is what was asked for, and returns the exit code.
+   ExitCode finish();
+
+   /// How many columns the names of value() lines take at least.
+   void nameWidthIs(std::size_t width) noexcept { _nameWidth = width; }
+
+private:
+   Console& _console;
+   bool _json;
+   NumberBase _base;
+   std::size_t _nameWidth = 0;
+   ExitCode _exit = ExitCode::ok;
+   nlohmann::ordered_json _document;
+};
+
+/// The attributes of a register that JSON output shows of it everywhere.
+nlohmann::ordered_json registerJson(const TarnRegFile::HardwareRegister& record);
+
+/// A register's name as a line shows it: quoted and escaped when it holds control characters, which
+/// a terminal would obey.
+std::string shownName(const std::string& name);
+
+/// A text as JSON takes it: bytes that are no valid UTF-8 replaced.
+std::string jsonText(const std::string& text);
+
+} // namespace TarnReg
