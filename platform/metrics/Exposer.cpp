@@ -230,7 +230,7 @@ struct Exposer::Server {
             const SocketAddress where(address, port);
             while (!stopped) {
                const Socket socket(address, SOCK_NONBLOCK);
-               ::connect(socket.fd(), where.get(), where.size());
+               static_cast<void>(::connect(socket.fd(), where.get(), where.size()));
                std::this_thread::sleep_for(std::chrono::milliseconds(2));
             }
          });

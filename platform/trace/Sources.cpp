@@ -8,7 +8,7 @@
 namespace Platform::Trace {
 
 Sources& Sources::instance() noexcept {
-   static Sources& sources = *new Sources;
+   static Sources& sources = *new Sources; // NOLINT(bugprone-unhandled-exception-at-new)
    return sources;
 }
 

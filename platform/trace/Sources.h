@@ -18,6 +18,7 @@ namespace Platform::Trace {
 /// TARN_TRACE. Any thread.
 class Sources {
 public:
+   /// Ends the process if there is no memory for the registry when it is first needed.
    static Sources& instance() noexcept;
 
    Sources(const Sources&) = delete;
