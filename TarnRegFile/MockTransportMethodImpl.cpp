@@ -6,6 +6,7 @@
 #include <fstream>
 #include <string>
 
+#include <absl/container/flat_hash_map.h>
 #include <fmt/format.h>
 
 namespace TarnRegFile {
@@ -32,9 +33,14 @@ std::uint64_t readableSize(const String& path) {
 
 } // namespace
 
+struct MockTransportMethodImpl::RegValues {
+   absl::flat_hash_map<std::uint32_t, std::uint32_t> map;
+};
+
 MockTransportMethodImpl::MockTransportMethodImpl(const char* csvPath,
                                                  const Ptr<HardwareRegisterFile>& regFileModel)
-   : BaseTransportMethodImpl(csvPath, mockAddrBlockSize, regFileModel) {
+   : BaseTransportMethodImpl(csvPath, mockAddrBlockSize, regFileModel),
+     _regValues(std::make_unique<RegValues>()) {
    const char* file = std::getenv(valuesFileVariable);
    if (file && *file) {
       _regValuesFile = file;
@@ -46,7 +52,7 @@ MockTransportMethodImpl::~MockTransportMethodImpl() = default;
 
 std::uint32_t MockTransportMethodImpl::regRead(const char* name) {
    const std::uint32_t address = helper->registerByName(name).address;
-   const auto [entry, added] = _regValues.try_emplace(address, 0);
+   const auto [entry, added] = _regValues->map.try_emplace(address, 0);
    const std::uint32_t value = entry->second;
    if (added) {
       _doPersistRegValues();
@@ -56,7 +62,7 @@ std::uint32_t MockTransportMethodImpl::regRead(const char* name) {
 
 void MockTransportMethodImpl::regWrite(const char* name, std::uint32_t value) {
    const std::uint32_t address = helper->registerByName(name).address;
-   const auto [entry, added] = _regValues.try_emplace(address, value);
+   const auto [entry, added] = _regValues->map.try_emplace(address, value);
    if (!added && entry->second == value) {
       return;
    }
@@ -69,7 +75,7 @@ void MockTransportMethodImpl::regReadBlock(const char* name, std::uint32_t* out,
    std::uint32_t address = helper->registerByName(name).address;
    bool anyAdded = false;
    for (std::uint32_t i = 0; i < count; ++i) {
-      const auto [entry, added] = _regValues.try_emplace(address, 0);
+      const auto [entry, added] = _regValues->map.try_emplace(address, 0);
       out[i] = entry->second;
       anyAdded |= added;
       address += helper->addrBlockSize();
@@ -83,7 +89,7 @@ void MockTransportMethodImpl::regWriteBlock(const char* name, const std::uint32_
                                             std::uint32_t count) {
    std::uint32_t address = helper->registerByName(name).address;
    for (std::uint32_t i = 0; i < count; ++i) {
-      _regValues[address] = values[i];
+      _regValues->map[address] = values[i];
       address += helper->addrBlockSize();
    }
    // Always, unlike regWrite: a block write also serves to bring the file up to date.
@@ -115,7 +121,7 @@ void MockTransportMethodImpl::_loadLine(const String& line) {
    }
    const auto address = static_cast<std::uint32_t>(std::stoul(line.substr(0, comma)));
    const auto value = static_cast<std::uint32_t>(std::stoul(line.substr(comma + 1)));
-   _regValues[address] = value;
+   _regValues->map[address] = value;
 }
 
 void MockTransportMethodImpl::_doPersistRegValues() const {
@@ -127,7 +133,7 @@ void MockTransportMethodImpl::_doPersistRegValues() const {
       return;
    }
    String text = valuesHeader;
-   for (const auto& [address, value] : _regValues) {
+   for (const auto& [address, value] : _regValues->map) {
       fmt::format_to(std::back_inserter(text), "{},{}\n", address, value);
    }
    out << text;

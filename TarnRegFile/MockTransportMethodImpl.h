@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <unordered_map>
+#include <memory>
 
 #include "TarnRegFile/Export.h"
 #include "TarnRegFile/TransportMethodImpl.h"
@@ -45,7 +45,9 @@ private:
    void _doPersistRegValues() const;
 
    String _regValuesFile;
-   std::unordered_map<std::uint32_t, std::uint32_t> _regValues;
+
+   struct RegValues;
+   std::unique_ptr<RegValues> _regValues; // by address
 };
 
 } // namespace TarnRegFile

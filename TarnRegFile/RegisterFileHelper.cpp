@@ -77,7 +77,8 @@ HardwareRegister RegFileHelper::findRegisterByName(const String& name) const {
 const HardwareRegister& RegFileHelper::registerByName(std::string_view name) const {
    static const HardwareRegister emptyRecord;
    const HardwareRegister* found = _model("findRegisterByName").findRegister(name);
-   if (!found || found->isEq(emptyRecord)) {
+   // Only a record without a name can equal the empty one: the rest need not be compared.
+   if (!found || (found->name.empty() && found->isEq(emptyRecord))) {
       Platform::throwError(ENOENT, fmt::format(noRegister, name));
    }
    return *found;

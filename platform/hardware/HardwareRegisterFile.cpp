@@ -5,6 +5,7 @@
 #include <limits>
 
 #include <absl/container/flat_hash_map.h>
+#include <absl/container/flat_hash_set.h>
 #include <fmt/format.h>
 
 #include "platform/entity/Errors.h"
@@ -12,9 +13,72 @@
 
 namespace Hardware {
 
+namespace {
+
+absl::string_view view(std::string_view text) noexcept {
+   return {text.data(), text.size()};
+}
+
+/// Hash and equality of records by their names, and of a name alone.
+struct NameHash {
+   using is_transparent = void;
+   std::size_t operator()(const HardwareRegister& record) const noexcept {
+      return (*this)(view(record.name));
+   }
+   std::size_t operator()(absl::string_view name) const noexcept {
+      return absl::Hash<absl::string_view>()(name);
+   }
+};
+
+struct NameEq {
+   using is_transparent = void;
+   static absl::string_view nameOf(const HardwareRegister& record) noexcept {
+      return view(record.name);
+   }
+   static absl::string_view nameOf(absl::string_view name) noexcept { return name; }
+
+   template <typename A, typename B>
+   bool operator()(const A& a, const B& b) const noexcept {
+      return nameOf(a) == nameOf(b);
+   }
+};
+
+} // namespace
+
+// A look-up by name is what every access pays for, and it pays by the cache line. So records are
+// kept in the hash table itself, found by the name that they carry anyway; one that is filed
+// under another name than its own is the exception and has a table of its own.
 struct HardwareRegisterFile::Maps {
-   absl::flat_hash_map<String, HardwareRegister> byName;
+   absl::flat_hash_set<HardwareRegister, NameHash, NameEq> records;
+   absl::flat_hash_map<String, HardwareRegister> recordsUnderOtherNames;
    absl::flat_hash_map<std::uint32_t, String> byAddress;
+
+   HardwareRegister* find(std::string_view name) noexcept {
+      const auto found = records.find(view(name));
+      if (found != records.end()) {
+         // The name, which the table goes by, is not changed through this.
+         return const_cast<HardwareRegister*>(&*found);
+      }
+      if (recordsUnderOtherNames.empty()) {
+         return nullptr;
+      }
+      const auto other = recordsUnderOtherNames.find(view(name));
+      return other == recordsUnderOtherNames.end() ? nullptr : &other->second;
+   }
+
+   void insert(const String& name, const HardwareRegister& record) {
+      if (name == record.name) {
+         recordsUnderOtherNames.erase(name);
+         records.insert(record);
+      } else {
+         if (const auto own = records.find(view(name)); own != records.end()) {
+            records.erase(own);
+         }
+         recordsUnderOtherNames[name] = record;
+      }
+   }
+
+   std::size_t size() const noexcept { return records.size() + recordsUnderOtherNames.size(); }
 };
 
 HardwareRegisterFile::HardwareRegisterFile(String name)
@@ -42,12 +106,14 @@ void HardwareRegisterFile::addrBlockSizeIs(std::uint8_t addrBlockSize) {
 }
 
 void HardwareRegisterFile::nameToRegMapIs(const String& name, const HardwareRegister& record) {
-   const auto [entry, added] = _maps->byName.try_emplace(name, record);
-   if (!added) {
-      if (entry->second == record) {
-         return;
-      }
-      entry->second = record;
+   HardwareRegister* present = _maps->find(name);
+   if (present && *present == record) {
+      return;
+   }
+   if (present && present->name == record.name) {
+      *present = record;
+   } else {
+      _maps->insert(name, record);
    }
    publish(nameToRegMapAttr, name);
 }
@@ -64,13 +130,12 @@ void HardwareRegisterFile::addrToNameMapIs(std::uint32_t address, const String& 
 }
 
 void HardwareRegisterFile::reserve(std::size_t count) {
-   _maps->byName.reserve(count);
+   _maps->records.reserve(count);
    _maps->byAddress.reserve(count);
 }
 
 const HardwareRegister* HardwareRegisterFile::findRegister(std::string_view name) const noexcept {
-   const auto found = _maps->byName.find(absl::string_view(name.data(), name.size()));
-   return found == _maps->byName.end() ? nullptr : &found->second;
+   return _maps->find(name);
 }
 
 const String* HardwareRegisterFile::findName(std::uint32_t address) const noexcept {
@@ -79,11 +144,14 @@ const String* HardwareRegisterFile::findName(std::uint32_t address) const noexce
 }
 
 std::size_t HardwareRegisterFile::size() const noexcept {
-   return _maps->byName.size();
+   return _maps->size();
 }
 
 void HardwareRegisterFile::forEachRegister(const Visitor& visit) const {
-   for (const auto& [name, record] : _maps->byName) {
+   for (const HardwareRegister& record : _maps->records) {
+      visit(record.name, record);
+   }
+   for (const auto& [name, record] : _maps->recordsUnderOtherNames) {
       visit(name, record);
    }
 }
@@ -91,9 +159,7 @@ void HardwareRegisterFile::forEachRegister(const Visitor& visit) const {
 std::vector<String> HardwareRegisterFile::names() const {
    std::vector<String> names;
    names.reserve(size());
-   for (const auto& [name, record] : _maps->byName) {
-      names.push_back(name);
-   }
+   forEachRegister([&](const String& name, const HardwareRegister&) { names.push_back(name); });
    std::sort(names.begin(), names.end());
    return names;
 }
@@ -113,11 +179,11 @@ HardwareRegisterFile::convertAddrBlockSize(std::uint8_t addrBlockSize) const {
    Ptr<HardwareRegisterFile> converted = hardwareRegisterFileFactory(_name);
    converted->_addrBlockSize = addrBlockSize;
    converted->reserve(size());
-   for (const auto& [name, record] : _maps->byName) {
+   forEachRegister([&](const String& name, const HardwareRegister& record) {
       HardwareRegister moved = record;
       moved.address = _convert(name, record.address, addrBlockSize);
-      converted->_maps->byName.emplace(name, std::move(moved));
-   }
+      converted->_maps->insert(name, moved);
+   });
    for (const auto& [address, name] : _maps->byAddress) {
       converted->_maps->byAddress.emplace(_convert(name, address, addrBlockSize), name);
    }
