@@ -1,0 +1,87 @@
+# Every action of the project, one line each: run `make`. The work is done by the presets of
+# CMakePresets.json and by scripts/; this only names it.
+
+# Processes at a time, of compilers and of tests.
+JOBS ?= 2
+# How long `make fuzz` runs each fuzzer.
+SECONDS ?= 60
+
+export CMAKE_BUILD_PARALLEL_LEVEL := $(JOBS)
+CTEST := ctest --output-on-failure --no-tests=error -j$(JOBS)
+
+# The thread sanitizer needs its usual addresses free, which some kernels' randomisation takes.
+UNSHUFFLED := $(shell setarch -R true 2>/dev/null && echo setarch -R)
+
+.NOTPARALLEL:
+.DEFAULT_GOAL := help
+.PHONY: help packages build test demo release asan tsan coverage fuzz bench format format-check \
+        tidy include-check clean
+
+help: ## List the actions
+	@echo "Actions (JOBS=$(JOBS) processes at a time):"
+	@sed -nE 's/^([a-z-]+):[^#]*## (.*)$$/  make \1|\2/p' $(MAKEFILE_LIST) | \
+	   awk -F'|' '{ printf "%-22s %s\n", $$1, $$2 }'
+
+packages: ## Install the Debian packages of packages.txt that are missing
+	@scripts/install-packages
+
+build: ## Build everything for everyday work, with all checks (build/dev)
+	cmake --preset dev
+	cmake --build --preset dev
+
+test: packages build ## Install what is missing, build, and run all tests
+	cd build/dev && $(CTEST)
+
+demo: packages ## Build what is shipped and show the sample board at work
+	cmake --preset release
+	cmake --build --preset release --target $(addsuffix /all,$(wildcard tools examples nimbo agent))
+	scripts/demo build/release
+
+release: ## Build what is shipped, optimised, and run all tests on it (build/release)
+	cmake --preset release
+	cmake --build --preset release
+	cd build/release && $(CTEST)
+
+asan: ## Run all tests under the address, leak and undefined-behaviour sanitizers
+	cmake --preset asan
+	cmake --build --preset asan
+	cd build/asan && $(CTEST)
+
+tsan: ## Run all tests under the thread sanitizer
+	cmake --preset tsan
+	$(UNSHUFFLED) cmake --build --preset tsan
+	cd build/tsan && $(UNSHUFFLED) $(CTEST)
+
+coverage: ## Run all tests and report which lines they reach (needs gcovr for the report)
+	cmake --preset coverage
+	cmake --build --preset coverage
+	cd build/coverage && $(CTEST)
+	@if command -v gcovr >/dev/null; then \
+	   gcovr --root . --filter 'platform/' --filter 'TarnRegFile/' --filter 'nimbo/' \
+	      --filter 'agent/' --filter 'tools/' --exclude-throw-branches --print-summary \
+	      --html-details build/coverage/report.html build/coverage && \
+	   echo "Report: build/coverage/report.html"; \
+	else echo "No report: gcovr is not installed. The counts are in build/coverage."; fi
+
+fuzz: ## Run each fuzzer for SECONDS=60, from its kept inputs
+	scripts/run-fuzzers $(SECONDS)
+
+bench: ## Build what is shipped and measure it
+	cmake --preset release
+	cmake --build --preset release --target bench/all
+	scripts/run-benchmarks build/release
+
+format: ## Format all sources
+	scripts/check-format --fix
+
+format-check: ## Fail if a source is not formatted
+	scripts/check-format
+
+tidy: build ## Fail if clang-tidy finds something in the library or the programs
+	scripts/check-tidy
+
+include-check: ## Fail if an include points the wrong way
+	scripts/check-includes
+
+clean: ## Remove everything that was built
+	rm -rf build
