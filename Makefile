@@ -66,10 +66,10 @@ coverage: ## Run all tests and report which lines they reach (needs gcovr for th
 fuzz: ## Run each fuzzer for SECONDS=60, from its kept inputs
 	scripts/run-fuzzers $(SECONDS)
 
-bench: ## Build what is shipped and measure it
+bench: ## Build what is shipped; print each figure beside its baseline and its target
 	cmake --preset release
 	cmake --build --preset release --target bench/all
-	scripts/run-benchmarks build/release
+	scripts/bench-table build/release
 
 format: ## Format all sources
 	scripts/check-format --fix
