@@ -32,6 +32,27 @@ constexpr const char* arrayTooLarge = "Register array of {} words does not fit i
 
 constexpr std::uint32_t failedRead = 0xFFFFFFFF;
 
+/// What tryPerformIO() does, for any callable: the accesses of this class run on it without the
+/// detour through a function object.
+template <typename Action>
+void guarded(TransportMethod& method, const String& regName, const Action& action) {
+   try {
+      action();
+   } catch (const Hardware::SigbusException&) {
+      const int error = errno;
+      TARN_TRACE(traceSource, 0, "tryPerformIO",
+                 "Got SIGBUS when performing operation on register '{}'", regName);
+      errno = error;
+      method.handleExceptionGeneric();
+   } catch (const std::runtime_error& failure) {
+      const int error = errno;
+      TARN_TRACE(traceSource, 0, "tryPerformIO", "TransportMethod error on register '{}': {}",
+                 regName, failure.what());
+      errno = error;
+      method.handleExceptionGeneric();
+   }
+}
+
 } // namespace
 
 TransportMethod::TransportMethod(const String& name) : _name(name) {}
@@ -170,31 +191,21 @@ Ptr<AsyncHelperBase> TransportMethod::_helperForResult() const {
 }
 
 std::uint32_t TransportMethod::regRead(const String& regName) {
-   struct Access {
-      BaseTransportMethodImpl& impl;
-      const String& regName;
-      std::uint32_t value;
-   } access{_implOrThrow(), regName, failedRead};
+   BaseTransportMethodImpl& impl = _implOrThrow();
    // An observer or the helper may drop what was the last reference.
    const Ptr<TransportMethod> held(this);
-   // One captured reference fits into the function object, which then allocates nothing.
-   tryPerformIO(this, regName,
-                [&access] { access.value = access.impl.regRead(access.regName.c_str()); });
+   std::uint32_t value = failedRead;
+   guarded(*this, regName, [&] { value = impl.regRead(regName.c_str()); });
    if (const Ptr<AsyncHelperBase> helper = _helperForResult()) {
-      helper->handleReadResult(regName, _result(), access.value);
+      helper->handleReadResult(regName, _result(), value);
    }
-   return access.value;
+   return value;
 }
 
 void TransportMethod::regWrite(const String& regName, std::uint32_t value) {
-   struct Access {
-      BaseTransportMethodImpl& impl;
-      const String& regName;
-      std::uint32_t value;
-   } access{_implOrThrow(), regName, value};
+   BaseTransportMethodImpl& impl = _implOrThrow();
    const Ptr<TransportMethod> held(this);
-   tryPerformIO(this, regName,
-                [&access] { access.impl.regWrite(access.regName.c_str(), access.value); });
+   guarded(*this, regName, [&] { impl.regWrite(regName.c_str(), value); });
    if (const Ptr<AsyncHelperBase> helper = _helperForResult()) {
       helper->handleWriteResult(regName, _result());
    }
@@ -215,7 +226,7 @@ Bytes TransportMethod::regReadArray(const String& regArrayName, std::uint32_t co
    }
    const Ptr<TransportMethod> held(this);
    Bytes buffer(count * sizeof(std::uint32_t));
-   tryPerformIO(this, regArrayName, [&] {
+   guarded(*this, regArrayName, [&] {
       // The allocator aligns the bytes for any word.
       impl.regReadBlock(regArrayName.c_str(), reinterpret_cast<std::uint32_t*>(buffer.data()),
                         count);
@@ -231,7 +242,7 @@ void TransportMethod::regWriteArray(const String& regArrayName, const Bytes& buf
       Platform::throwErrno(oddBuffer);
    }
    const Ptr<TransportMethod> held(this);
-   tryPerformIO(this, regArrayName, [&] {
+   guarded(*this, regArrayName, [&] {
       impl.regWriteBlock(regArrayName.c_str(),
                          reinterpret_cast<const std::uint32_t*>(buffer.data()),
                          static_cast<std::uint32_t>(count));
@@ -298,21 +309,7 @@ void TransportMethod::handleDeletion() {
 }
 
 void tryPerformIO(TransportMethod* tm, const String& regName, std::function<void()> action) {
-   try {
-      action();
-   } catch (const Hardware::SigbusException&) {
-      const int error = errno;
-      TARN_TRACE(traceSource, 0, "tryPerformIO",
-                 "Got SIGBUS when performing operation on register '{}'", regName);
-      errno = error;
-      tm->handleExceptionGeneric();
-   } catch (const std::runtime_error& failure) {
-      const int error = errno;
-      TARN_TRACE(traceSource, 0, "tryPerformIO", "TransportMethod error on register '{}': {}",
-                 regName, failure.what());
-      errno = error;
-      tm->handleExceptionGeneric();
-   }
+   guarded(*tm, regName, action);
 }
 
 } // namespace TarnRegFile

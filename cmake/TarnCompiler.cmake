@@ -11,6 +11,13 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # GCC 12 reports these in its own standard library when it inlines under optimisation.
   add_compile_options(-Wno-null-dereference -Wno-restrict)
 endif()
+# Nobody replaces this project's functions by preloading others of the same name, so calls within a
+# library need not go through its jump table and may be inlined.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  add_compile_options(-fno-semantic-interposition)
+endif()
+add_link_options(-Wl,-Bsymbolic-functions)
+
 if(TARN_WERROR)
   add_compile_options(-Werror)
 endif()
