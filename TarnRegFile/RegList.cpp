@@ -92,8 +92,9 @@ RegList::iterator RegList::regDel(iterator position) {
 }
 
 void RegList::regDelAll() {
-   while (!_reg.empty()) {
-      regDel(_reg.begin());
+   // Upwards only: ends also when an observer puts back what was removed.
+   for (iterator position = begin(); position != end();) {
+      position = regDel(position);
    }
 }
 

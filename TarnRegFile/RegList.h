@@ -64,7 +64,8 @@ public:
    /// Removes the element that `position` points at, and returns the position after it.
    iterator regDel(iterator position);
 
-   /// Removes every element.
+   /// Removes every element, from the lowest address to the highest. What an observer puts back
+   /// meanwhile, at an address that was passed, stays.
    void regDelAll();
 
    /// The elements from the lowest address to the highest.
