@@ -60,6 +60,9 @@ TransportMethod::TransportMethod(const String& name) : _name(name) {}
 TransportMethod::~TransportMethod() {
    beingDestroyedIs();
    handleDeletion();
+   // Who watches these objects sees the notifier go first; the members behind it go after it, in
+   // the reverse of their order.
+   _errorNotifier.reset();
 }
 
 Ptr<TransportMethod> TransportMethod::TransportMethodIs(const String& name) {
