@@ -1,6 +1,7 @@
 #include "TarnRegFile/RegisterFileChecker.h"
 
 #include <array>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <stdexcept>
@@ -74,6 +75,26 @@ std::vector<RegisterFileProblem> RegisterFileChecker::check(const String& csvPat
    }
    checkReadToEnd(in, csvPath);
    return std::move(_problems);
+}
+
+std::size_t RegisterFileChecker::stoppingLine(const String& csvPath) {
+   std::error_code ignored;
+   if (!std::filesystem::is_regular_file(csvPath, ignored)) {
+      return 0;
+   }
+   std::ifstream in = openRegisterFile(csvPath);
+   String buffer;
+   if (!readRegisterFileHeader(in, buffer)) {
+      return 0;
+   }
+   std::string_view line;
+   for (std::size_t number = 2; Utils::getline_lea(in, buffer, line); ++number) {
+      if (hasReversedArrayBounds(expandablePart(line))) {
+         return number;
+      }
+   }
+   checkReadToEnd(in, csvPath);
+   return 0;
 }
 
 void RegisterFileChecker::_report(std::size_t column, ProblemSeverity severity, String text) {
@@ -151,10 +172,13 @@ bool RegisterFileChecker::_expand(std::string_view line, std::vector<String>& ex
       return false;
    }
    if (_registers > maxFileRegisters || _bytes > maxFileExpandedBytes) {
-      _report(column, ProblemSeverity::error,
-              fmt::format("the file defines more than {} registers, or their lines expand to more "
-                          "than {} bytes",
-                          maxFileRegisters, maxFileExpandedBytes));
+      if (!_tooManyReported) {
+         _report(column, ProblemSeverity::error,
+                 fmt::format("up to this line the file defines more than {} registers, or their "
+                             "lines expand to more than {} bytes",
+                             maxFileRegisters, maxFileExpandedBytes));
+         _tooManyReported = true;
+      }
       return false;
    }
    return true;
@@ -237,7 +261,7 @@ void RegisterFileChecker::_checkWords(std::string_view line) {
       if (count == 2 &&
           HardwareRegister::regTypeFromString(field) == HardwareRegisterType::unknown) {
          _report(column, ProblemSeverity::warning,
-                 fmt::format("Unknown register type '{}'", field.substr(0, 60)));
+                 fmt::format("Unknown register type {}", shown(field)));
       }
       if (count == 3 && field != "true" && field != "false") {
          _report(column, ProblemSeverity::warning,

@@ -38,6 +38,11 @@ public:
    /// the file cannot be opened or read.
    std::vector<RegisterFileProblem> check(const String& csvPath);
 
+   /// The first line of a range whose lower bound is above the upper, the one mistake that stops
+   /// the process that loads the list; 0 when there is none, and for what is no regular file,
+   /// which can be read only once. Throws as check() does.
+   static std::size_t stoppingLine(const String& csvPath);
+
 private:
    struct Origin {
       std::size_t line;
@@ -61,6 +66,7 @@ private:
    String _lastName;
    bool _duplicateNameReported = false;
    bool _duplicateNumberReported = false;
+   bool _tooManyReported = false;
    std::uint64_t _registers = 0;
    std::uint64_t _bytes = 0;
    std::unordered_map<String, std::size_t> _names;

@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
 #include "platform/entity/EnumType.h"
+#include "tools/tarnreg/Printable.h"
 #include "tools/tarnreg/Verbs.h"
 
 namespace TarnReg {
@@ -19,9 +20,8 @@ void checkFile(const std::string& file, ProblemSeverity failOn, Report& report) 
          element["severity"] = severity;
          element["text"] = jsonText(problem.text);
       }
-      report.row("problems",
-                 fmt::format("{}:{}:{}: {}: {}", file, problem.line, problem.column, severity,
-                             problem.text),
+      report.row(printable(fmt::format("{}:{}:{}: {}: {}", file, problem.line, problem.column,
+                                       severity, problem.text)),
                  std::move(element));
       failing += problem.severity >= failOn ? 1 : 0;
    }

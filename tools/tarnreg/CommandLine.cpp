@@ -3,10 +3,9 @@
 #include <cstdlib>
 #include <functional>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <string>
-#include <system_error>
+#include <utility>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -16,6 +15,7 @@
 #include "platform/trace/Trace.h"
 #include "tools/tarnreg/Failure.h"
 #include "tools/tarnreg/Options.h"
+#include "tools/tarnreg/Printable.h"
 #include "tools/tarnreg/Verbs.h"
 
 namespace TarnReg {
@@ -37,6 +37,63 @@ struct Arguments {
    std::vector<std::string> operands;
 };
 
+/// Turns one of these words into its number, as the options' enumerations are parsed.
+template <typename Enum>
+CLI::Validator oneOf(const std::vector<std::pair<std::string, Enum>>& choices) {
+   return CLI::Validator(
+      [choices](std::string& word) {
+         std::string known;
+         for (const auto& [name, value] : choices) {
+            if (name == CLI::detail::to_lower(word)) {
+               word = std::to_string(static_cast<int>(value));
+               return std::string();
+            }
+            known += (known.empty() ? "" : ", ") + name;
+         }
+         return fmt::format("'{}' is none of {}", word, known);
+      },
+      "");
+}
+
+// CLI11 takes a word in brackets for a list and strips them: "[A]" would become A, the name of
+// another register. So each word that begins with a bracket is parsed with a character at its end,
+// which is taken away again.
+constexpr char guard = '\x01';
+
+/// The words of the command line behind the program's name, last one first, as CLI11 takes them.
+std::vector<std::string> guardedWords(int argc, char** argv) {
+   std::vector<std::string> words;
+   for (int i = argc - 1; i > 0; --i) {
+      words.emplace_back(argv[i]);
+      if (words.back().starts_with('[')) {
+         words.back() += guard;
+      }
+   }
+   return words;
+}
+
+CLI::Validator unguarded() {
+   return CLI::Validator(
+      [](std::string& word) {
+         if (word.starts_with('[') && word.back() == guard) {
+            word.pop_back();
+         }
+         return std::string();
+      },
+      "");
+}
+
+/// What is wrong with the command line.
+std::string usageText(const CLI::App& app, const CLI::Error& error) {
+   const std::vector<std::string> rest = app.remaining();
+   if (error.get_name() == "RequiredError" && app.get_subcommands().empty() && !app.get_parent()) {
+      return rest.empty() ? "a verb is needed" : fmt::format("no verb '{}'", rest.front());
+   }
+   std::string text = error.what();
+   std::erase(text, guard);
+   return text;
+}
+
 class Command {
 public:
    Command();
@@ -45,8 +102,11 @@ public:
 private:
    void _globalOptions();
    void _verbs();
-   CLI::App* _verb(const char* name, const char* help, std::function<void(Report&)> action);
-   std::shared_ptr<FailureSink> _installTrace() const;
+   CLI::App* _verb(const char* name, const char* list, const char* help,
+                   std::function<void(Report&)> action);
+   static CLI::Option* _words(CLI::App& verb, const char* name, std::vector<std::string>& words,
+                              const char* help);
+   void _installTrace();
    Device& _device();
    Console& _talk();
    ExitCode _runVerb();
@@ -55,6 +115,8 @@ private:
    Options _options;
    Arguments _arguments;
    std::string _verbName;
+   std::string _listName;
+   std::shared_ptr<FailureSink> _failures;
    std::function<void(Report&)> _action;
    std::unique_ptr<Console> _console;
    std::unique_ptr<Device> _opened;
@@ -69,12 +131,23 @@ Command::Command()
           "  tarnreg --file board.csv --transport mock:values.csv write SCRATCH=0x1234 --verify\n"
           "  tarnreg check board.csv\n",
           "tarnreg") {
+   _app.footer(
+      "Data goes to standard output, everything said to standard error. With several failures\n"
+      "the first decides the exit code:\n"
+      "  0 all went well           4 refused: read-only, or answered with no\n"
+      "  1 anything else           5 an access of the device failed\n"
+      "  2 wrong command line      6 the device did not answer in time\n"
+      "  3 unknown name            7 not what was written was read back\n"
+      "An interrupt ends it as a signal does: 130 for the shell.\n"
+      "\n"
+      "A name that begins with a dash stands behind --. Environment: REG_VALUES_FILE (the\n"
+      "values file of mock:), TARN_TRACE (levels by source), NO_COLOR.");
    _app.require_subcommand(1);
    _app.fallthrough();
    _app.set_version_flag("--version", std::string("tarnreg ") + TARNREG_VERSION);
-   _app.failure_message([](const CLI::App*, const CLI::Error& error) {
+   _app.failure_message([](const CLI::App* app, const CLI::Error& error) {
       return fmt::format("tarnreg: error: {}\nRun tarnreg --help for the command line.\n",
-                         error.what());
+                         printable(usageText(*app, error)));
    });
    _globalOptions();
    _verbs();
@@ -82,59 +155,63 @@ Command::Command()
 
 void Command::_globalOptions() {
    _app.add_option("--file,-f", _options.file, "Register list of the device (CSV)")
-      ->type_name("LIST");
+      ->type_name("LIST")
+      ->transform(unguarded());
    _app
       .add_option("--transport,-t", _options.transport,
                   "How the device is reached: mock:[VALUES-FILE] (default mock:)")
-      ->option_text("URL");
+      ->option_text("URL")
+      ->transform(unguarded());
    _app.add_flag("--json", _options.json, "Print one JSON document, schema tarnreg/1");
    _app.add_option("--base", _options.base, "How values are shown")
       ->option_text("hex|dec|bin")
-      ->transform(CLI::CheckedTransformer(
-         std::map<std::string, NumberBase>{
-            {"hex", NumberBase::hex}, {"dec", NumberBase::dec}, {"bin", NumberBase::bin}},
-         CLI::ignore_case));
+      ->transform(oneOf<NumberBase>(
+         {{"hex", NumberBase::hex}, {"dec", NumberBase::dec}, {"bin", NumberBase::bin}}));
    _app
       .add_option("--trace", _options.trace, "Trace the library up to this level on standard error")
       ->option_text("0..9")
       ->check(CLI::Range(0, 9));
    _app.add_option("--color", _options.color, "When messages are coloured")
       ->option_text("auto|always|never")
-      ->transform(
-         CLI::CheckedTransformer(std::map<std::string, ColorMode>{{"auto", ColorMode::automatic},
-                                                                  {"always", ColorMode::always},
-                                                                  {"never", ColorMode::never}},
-                                 CLI::ignore_case));
+      ->transform(oneOf<ColorMode>({{"auto", ColorMode::automatic},
+                                    {"always", ColorMode::always},
+                                    {"never", ColorMode::never}}));
 }
 
-CLI::App* Command::_verb(const char* name, const char* help, std::function<void(Report&)> action) {
+CLI::App* Command::_verb(const char* name, const char* list, const char* help,
+                         std::function<void(Report&)> action) {
    CLI::App* verb = _app.add_subcommand(name, help);
-   verb->callback([this, name, action = std::move(action)] {
+   verb->callback([this, name, list, action = std::move(action)] {
       _verbName = name;
+      _listName = list;
       _action = action;
    });
    return verb;
+}
+
+CLI::Option* Command::_words(CLI::App& verb, const char* name, std::vector<std::string>& words,
+                             const char* help) {
+   return verb.add_option(name, words, help)->transform(unguarded());
 }
 
 void Command::_verbs() {
    const char* patternHelp =
       "Names, with * and ? for any characters and [0:3] for a range of an array";
    CLI::App* list =
-      _verb("list", "List registers: name, address, width, access, type",
+      _verb("list", "registers", "List registers: name, address, width, access, type",
             [this](Report& report) { listRegisters(_device(), _arguments.patterns, report); });
-   list->add_option("PATTERN", _arguments.patterns, patternHelp);
+   _words(*list, "PATTERN", _arguments.patterns, patternHelp);
 
-   CLI::App* read = _verb("read", "Read registers", [this](Report& report) {
+   CLI::App* read = _verb("read", "registers", "Read registers", [this](Report& report) {
       readRegisters(_device(), _arguments.patterns, report);
    });
-   read->add_option("PATTERN", _arguments.patterns, patternHelp)->required();
+   _words(*read, "PATTERN", _arguments.patterns, patternHelp)->required();
 
-   CLI::App* write = _verb("write", "Write registers", [this](Report& report) {
+   CLI::App* write = _verb("write", "registers", "Write registers", [this](Report& report) {
       writeRegisters(_device(), _arguments.assignments, _arguments.write, _talk(), report);
    });
-   write
-      ->add_option("NAME=VALUE", _arguments.assignments,
-                   "What to write; values in decimal, 0x hexadecimal or 0b binary")
+   _words(*write, "NAME=VALUE", _arguments.assignments,
+          "What to write; values in decimal, 0x hexadecimal or 0b binary")
       ->required();
    write->add_flag("--dry-run,-n", _arguments.write.dryRun, "Only say what would be written");
    write->add_flag("--verify", _arguments.write.verify, "Read back and compare");
@@ -142,47 +219,52 @@ void Command::_verbs() {
    write->add_flag("--force", _arguments.write.force, "Write read-only registers too");
 
    CLI::App* dump =
-      _verb("dump", "Read every register but the configuration ones", [this](Report& report) {
-         dumpRegisters(_device(), _arguments.patterns, _arguments.dumpAll, report);
-      });
-   dump->add_option("PATTERN", _arguments.patterns, patternHelp);
+      _verb("dump", "registers", "Read every register but the configuration ones",
+            [this](Report& report) {
+               dumpRegisters(_device(), _arguments.patterns, _arguments.dumpAll, report);
+            });
+   _words(*dump, "PATTERN", _arguments.patterns, patternHelp);
    dump->add_flag("--all", _arguments.dumpAll, "Configuration registers (type cfg) too");
 
    CLI::App* check =
-      _verb("check", "Report every problem of a register list",
+      _verb("check", "problems", "Report every problem of a register list",
             [this](Report& report) { checkFile(_arguments.checkFile, _arguments.failOn, report); });
-   check->add_option("FILE", _arguments.checkFile, "The register list")->required();
+   check->add_option("FILE", _arguments.checkFile, "The register list")
+      ->required()
+      ->transform(unguarded());
    check->add_option("--fail-on", _arguments.failOn, "Fail from this severity on (default error)")
       ->option_text("info|warning|error")
-      ->transform(CLI::CheckedTransformer(
-         std::map<std::string, ProblemSeverity>{{"info", ProblemSeverity::info},
-                                                {"warning", ProblemSeverity::warning},
-                                                {"error", ProblemSeverity::error}},
-         CLI::ignore_case));
+      ->transform(oneOf<ProblemSeverity>({{"info", ProblemSeverity::info},
+                                          {"warning", ProblemSeverity::warning},
+                                          {"error", ProblemSeverity::error}}));
 
-   CLI::App* describe = _verb("describe", "Describe a type of the library: attributes, operations",
-                              [this](Report& report) { describeType(_arguments.type, report); });
-   describe->add_option("TYPE", _arguments.type, "The type; without it all types are listed");
+   CLI::App* describe =
+      _verb("describe", "types", "Describe a type of the library: attributes, operations",
+            [this](Report& report) { describeType(_arguments.type, report); });
+   describe->add_option("TYPE", _arguments.type, "The type; without it all types are listed")
+      ->transform(unguarded());
 
    CLI::App* call =
-      _verb("call", "Call an operation of the device's TransportMethod", [this](Report& report) {
-         callOperation(_device(), _arguments.operation, _arguments.operands, report);
-      });
-   call->add_option("OPERATION", _arguments.operation, "See: describe TransportMethod")->required();
-   call->add_option("ARGUMENT", _arguments.operands, "The operation's arguments, in order");
+      _verb("call", "results", "Call an operation of the device's TransportMethod",
+            [this](Report& report) {
+               callOperation(_device(), _arguments.operation, _arguments.operands, report);
+            });
+   call->add_option("OPERATION", _arguments.operation, "See: describe TransportMethod")
+      ->required()
+      ->transform(unguarded());
+   _words(*call, "ARGUMENT", _arguments.operands, "The operation's arguments, in order");
 }
 
-std::shared_ptr<FailureSink> Command::_installTrace() const {
+void Command::_installTrace() {
    // The failures themselves must reach the FailureSink; a person sees trace lines only on demand.
    const bool fromEnvironment = std::getenv("TARN_TRACE") != nullptr;
    const bool wanted = _options.trace >= 0 || fromEnvironment;
-   auto sink = std::make_shared<FailureSink>(
+   _failures = std::make_shared<FailureSink>(
       wanted ? std::make_shared<Platform::Trace::StderrSink>() : nullptr);
    if (_options.trace >= 0) {
       Platform::Trace::levelsAre(fmt::format("*={}", _options.trace));
    }
-   Platform::Trace::sinkIs(sink);
-   return sink;
+   Platform::Trace::sinkIs(_failures);
 }
 
 Device& Command::_device() {
@@ -191,7 +273,9 @@ Device& Command::_device() {
          throw Failure(ExitCode::usage, "--file is needed: the register list of the device");
       }
       const TransportUrl url(_options.transport);
-      _opened = std::make_unique<Device>(_options.file, url, _installTrace());
+      url.checkValuesFile((_verbName == "write" && !_arguments.write.dryRun) ||
+                          _verbName == "call");
+      _opened = std::make_unique<Device>(_options.file, url, _failures);
    }
    return *_opened;
 }
@@ -202,25 +286,28 @@ Console& Command::_talk() {
 
 ExitCode Command::run(int argc, char** argv) {
    try {
-      _app.parse(argc, argv);
+      _app.parse(guardedWords(argc, argv));
    } catch (const CLI::ParseError& error) {
-      return _app.exit(error) == 0 ? ExitCode::ok : ExitCode::usage;
+      if (_app.exit(error) != 0) {
+         return ExitCode::usage;
+      }
+      Console console(std::cin, std::cout, std::cerr, Console::colorWanted(_options.color));
+      return console.finish() ? ExitCode::ok : ExitCode::general;
    }
+   _installTrace();
    _console = std::make_unique<Console>(std::cin, std::cout, std::cerr,
                                         Console::colorWanted(_options.color));
    return _runVerb();
 }
 
 ExitCode Command::_runVerb() {
-   Report report(*_console, _verbName, _options.json, _options.base);
+   Report report(*_console, _verbName, _listName, _options.json, _options.base);
    try {
       _action(report);
    } catch (const Failure& failure) {
       report.failure(failure.code(), failure.what());
    } catch (const std::exception& error) {
-      report.failure(ExitCode::general, _options.file.empty()
-                                           ? error.what()
-                                           : fmt::format("{}: {}", _options.file, error.what()));
+      report.failure(ExitCode::general, error.what());
    }
    return report.finish();
 }

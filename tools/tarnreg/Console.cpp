@@ -4,13 +4,27 @@
 
 #include <cstdlib>
 
+#include "tools/tarnreg/Printable.h"
+
 namespace TarnReg {
 
 bool Console::confirm(std::string_view question) {
-   _talk << question << " [y/N] " << std::flush;
+   _talk << printable(question) << " [y/N] " << std::flush;
    std::string answer;
    std::getline(_in, answer);
+   if (_in.eof()) {
+      // Nobody ended the line of the question.
+      _talk << std::endl;
+   }
    return answer == "y" || answer == "yes";
+}
+
+bool Console::finish() {
+   _data.flush();
+   if (!_data) {
+      error("cannot write the output");
+   }
+   return static_cast<bool>(_data);
 }
 
 bool Console::colorWanted(ColorMode mode) {
@@ -28,7 +42,7 @@ void Console::_say(std::string_view kind, std::string_view color, std::string_vi
    } else {
       _talk << kind << ": ";
    }
-   _talk << text << std::endl;
+   _talk << printable(text) << std::endl;
 }
 
 } // namespace TarnReg

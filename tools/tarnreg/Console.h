@@ -19,13 +19,16 @@ public:
 
    std::ostream& data() noexcept { return _data; }
 
-   /// "tarnreg: error: <text>"
+   /// "tarnreg: error: <text>", in one line, with what a terminal might obey escaped.
    void error(std::string_view text) { _say("error", "\033[1;31m", text); }
    void warning(std::string_view text) { _say("warning", "\033[1;33m", text); }
    void note(std::string_view text) { _say("note", "\033[1m", text); }
 
-   /// Asks a question; only "y" or "yes" is a yes.
+   /// Asks a question; only "y" or "yes" is a yes, the end of the input is a no.
    bool confirm(std::string_view question);
+
+   /// Writes out the data that is still held back, and says so when it was not all written.
+   bool finish();
 
    /// Whether standard error is to be coloured: not unless it is a terminal, nor with NO_COLOR
    /// set, unless `mode` says otherwise.

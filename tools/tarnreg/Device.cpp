@@ -1,10 +1,19 @@
 #include "tools/tarnreg/Device.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
 #include <tuple>
 #include <utility>
 
 #include <fmt/format.h>
+
+#include "platform/entity/Errors.h"
+#include "TarnRegFile/RegisterFileChecker.h"
+#include "tools/tarnreg/Failure.h"
+#include "tools/tarnreg/Printable.h"
 
 namespace TarnReg {
 
@@ -13,12 +22,39 @@ using TarnRegFile::HardwareRegister;
 Device::Device(const std::string& file, const TransportUrl& url,
                std::shared_ptr<FailureSink> failures)
    : Device(TarnRegFile::transportMethodFactory(file), std::move(failures)) {
-   _method->init(url.descriptor(), file);
+   // Loading it would stop the process.
+   if (const std::size_t line = TarnRegFile::RegisterFileChecker::stoppingLine(file)) {
+      throw Failure(
+         ExitCode::general,
+         fmt::format("{}:{}: the lower bound of a range is above the upper", file, line));
+   }
+   try {
+      _method->init(url.descriptor(), file);
+   } catch (const std::logic_error& error) {
+      // The library's number conversions say no more than their own name.
+      throw std::string_view(error.what()) == "stoul"
+         ? Failure(ExitCode::general,
+                   fmt::format("values file {}: a line does not hold two decimal numbers",
+                               url.valuesFile()))
+         : Failure(ExitCode::general,
+                   fmt::format("{}: {} (a register number or a bound of a range is no decimal "
+                               "number); tarnreg check says where",
+                               file, error.what()));
+   } catch (const std::system_error& error) {
+      const std::string text = error.what();
+      // The opening's failure names the file, the content's does not.
+      throw Failure(ExitCode::general,
+                    text.find(file) != std::string::npos
+                       ? text
+                       : fmt::format("{}: {}; tarnreg check says where", file, text));
+   }
 }
 
 Device::Device(Platform::Ptr<TarnRegFile::TransportMethod> method,
                std::shared_ptr<FailureSink> failures)
-   : _method(std::move(method)), _failures(std::move(failures)) {}
+   : _method(std::move(method)), _failures(std::move(failures)) {
+   _method->raiseExceptionOnErrorIs(true);
+}
 
 Device::~Device() {
    _method->handleDeletion();
@@ -43,26 +79,52 @@ const HardwareRegister* Device::find(std::string_view name) const {
 }
 
 void Device::access(const char* what, const std::string& name, const std::function<void()>& run) {
+   const auto notifier = _method->errorNotifierIs(_method->name());
    // The flag is sticky, and each access is to be judged by itself.
-   if (_method->errorNotifier()) {
-      _method->errorNotifier()->errorIs(false);
+   notifier->errorIs(false);
+   _failures->takeReason(name);
+   errno = 0;
+   try {
+      run();
+   } catch (const Platform::ErrnoException& error) {
+      if (!notifier->error()) {
+         throw;
+      }
+      throw _failure(what, name, error.code() ? error.what() : "the access failed",
+                     error.code() == std::errc::timed_out ? ExitCode::timeout
+                                                          : ExitCode::deviceError);
    }
-   run();
-   if (_method->errorNotifier() && _method->errorNotifier()->error()) {
-      std::string reason = _failures->takeReason();
-      throw AccessError(fmt::format("cannot {} {}: {}", what, name,
-                                    reason.empty() ? "the access failed" : reason));
+   if (notifier->error()) {
+      throw _failure(what, name, "the access failed", ExitCode::deviceError);
    }
 }
 
 std::uint32_t Device::read(const std::string& name) {
    std::uint32_t value = 0;
-   access("read", name, [&] { value = _method->regRead(name); });
+   _accessRegister("read", name, [&] { value = _method->regRead(name); });
    return value;
 }
 
 void Device::write(const std::string& name, std::uint32_t value) {
-   access("write", name, [&] { _method->regWrite(name, value); });
+   _accessRegister("write", name, [&] { _method->regWrite(name, value); });
+}
+
+void Device::_accessRegister(const char* what, const std::string& name,
+                             const std::function<void()>& run) {
+   try {
+      access(what, name, run);
+   } catch (const AccessError&) {
+      throw;
+   } catch (const std::exception& error) {
+      throw _failure(what, name, error.what(), ExitCode::deviceError);
+   }
+}
+
+AccessError Device::_failure(const char* what, const std::string& name, const std::string& fallback,
+                             ExitCode code) {
+   const std::string reason = _failures->takeReason(name);
+   return {code, fmt::format("cannot {} {}: {}", what, shownName(name),
+                             reason.empty() ? fallback : reason)};
 }
 
 } // namespace TarnReg

@@ -18,11 +18,11 @@ namespace TarnReg {
 /// mistaken for a register that holds 0xFFFFFFFF.
 class Device {
 public:
-   /// Opens the device whose register list is at `file`. Throws what TransportMethod::init()
-   /// throws.
+   /// Opens the device whose register list is at `file`. Throws Failure, and what else
+   /// TransportMethod::init() throws. A list that would stop the process is refused too.
    Device(const std::string& file, const TransportUrl& url, std::shared_ptr<FailureSink> failures);
 
-   /// Takes over a device that is initialised already.
+   /// Takes over a device that has its transport already, and makes it raise its failures.
    Device(Platform::Ptr<TarnRegFile::TransportMethod> method,
           std::shared_ptr<FailureSink> failures);
    ~Device();
@@ -39,13 +39,22 @@ public:
    const TarnRegFile::HardwareRegister* find(std::string_view name) const;
 
    /// Calls `run`, which uses method(), and throws AccessError "cannot <what> <name>: <reason>"
-   /// when the library reported a failure.
+   /// when the library reported a failed access; its code is timeout when errno was ETIMEDOUT. Any
+   /// other exception passes on.
    void access(const char* what, const std::string& name, const std::function<void()>& run);
+
+   // Whatever goes wrong with one register, an exception that the library passes on included, is an
+   // AccessError, so that the others still have their turn.
 
    std::uint32_t read(const std::string& name);
    void write(const std::string& name, std::uint32_t value);
 
 private:
+   void _accessRegister(const char* what, const std::string& name,
+                        const std::function<void()>& run);
+   AccessError _failure(const char* what, const std::string& name, const std::string& fallback,
+                        ExitCode code);
+
    Platform::Ptr<TarnRegFile::TransportMethod> _method;
    std::shared_ptr<FailureSink> _failures;
    std::vector<const TarnRegFile::HardwareRegister*> _registers;

@@ -1,23 +1,26 @@
 #include "tools/tarnreg/FailureSink.h"
 
-#include <string_view>
 #include <utility>
+
+#include <fmt/format.h>
 
 namespace TarnReg {
 
 void FailureSink::write(const Platform::Trace::Record& record) {
    if (record.source == "TarnRegFile/TransportMethod" && record.function == "tryPerformIO") {
-      // "TransportMethod error on register 'X': reason": the command names the register itself.
-      const std::size_t reason = record.text.find("': ");
-      _reason = reason == std::string_view::npos ? record.text : record.text.substr(reason + 3);
+      _reason = record.text;
    }
    if (_next) {
       _next->write(record);
    }
 }
 
-std::string FailureSink::takeReason() {
-   return std::exchange(_reason, std::string());
+std::string FailureSink::takeReason(std::string_view name) {
+   std::string reason = std::exchange(_reason, std::string());
+   // "TransportMethod error on register 'X': reason": the command names the register itself. A
+   // name may hold anything, so it is looked for as a whole.
+   const std::string prefix = fmt::format("TransportMethod error on register '{}': ", name);
+   return reason.starts_with(prefix) ? reason.substr(prefix.size()) : reason;
 }
 
 } // namespace TarnReg

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "platform/trace/Sink.h"
 
@@ -16,8 +17,9 @@ public:
 
    void write(const Platform::Trace::Record& record) override;
 
-   /// The last reason, which is then forgotten; empty when there was none.
-   std::string takeReason();
+   /// The last reason, which is then forgotten, without the words that say it was an access of
+   /// the register `name`; empty when there was none.
+   std::string takeReason(std::string_view name);
 
 private:
    std::shared_ptr<Platform::Trace::Sink> _next;

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <cctype>
 #include <system_error>
+#include <unordered_set>
 #include <utility>
 
 #include <fmt/format.h>
 
 #include "TarnRegFile/ArrayExpansion.h"
 #include "tools/tarnreg/Failure.h"
+#include "tools/tarnreg/Printable.h"
 
 namespace TarnReg {
 
@@ -43,15 +45,6 @@ std::size_t editDistance(std::string_view a, std::string_view b, std::size_t lim
    return row[b.size()];
 }
 
-[[noreturn]] void throwUnknown(Device& device, const std::string& name) {
-   std::string text = fmt::format("no register {}", name);
-   const std::vector<std::string> near = suggestions(device, name);
-   if (!near.empty()) {
-      text += fmt::format("; did you mean {}?", fmt::join(near, ", "));
-   }
-   throw Failure(ExitCode::unknownName, text);
-}
-
 std::vector<std::string> expand(const std::string& pattern) {
    std::vector<std::string> names;
    if (TarnRegFile::hasReversedArrayBounds(pattern)) {
@@ -74,6 +67,16 @@ bool isGlob(std::string_view pattern) noexcept {
 }
 
 } // namespace
+
+void throwUnknown(Device& device, std::string_view name) {
+   std::string text = fmt::format("no register {}", shownName(name));
+   std::vector<std::string> near = suggestions(device, name);
+   std::transform(near.begin(), near.end(), near.begin(), shownName);
+   if (!near.empty()) {
+      text += fmt::format("; did you mean {}?", fmt::join(near, ", "));
+   }
+   throw Failure(ExitCode::unknownName, text);
+}
 
 bool matchesGlob(std::string_view pattern, std::string_view name) noexcept {
    std::size_t p = 0;
@@ -102,18 +105,26 @@ std::vector<const HardwareRegister*> selectRegisters(Device& device, const std::
       return {exact};
    }
    std::vector<const HardwareRegister*> selected;
+   std::unordered_set<const HardwareRegister*> seen;
    for (const std::string& name : expand(pattern)) {
-      const std::size_t before = selected.size();
-      if (isGlob(name)) {
-         for (const HardwareRegister* record : device.registers()) {
-            if (matchesGlob(name, record->name)) {
-               selected.push_back(record);
+      bool any = false;
+      const auto select = [&](const HardwareRegister* record) {
+         any = true;
+         // "A*[0:1]*" finds A[0]_B[1] twice.
+         if (seen.insert(record).second) {
+            selected.push_back(record);
+         }
+      };
+      if (const HardwareRegister* record = device.find(name)) {
+         select(record);
+      } else if (isGlob(name)) {
+         for (const HardwareRegister* candidate : device.registers()) {
+            if (matchesGlob(name, candidate->name)) {
+               select(candidate);
             }
          }
-      } else if (const HardwareRegister* record = device.find(name)) {
-         selected.push_back(record);
       }
-      if (selected.size() == before) {
+      if (!any) {
          throwUnknown(device, name);
       }
    }
@@ -122,7 +133,7 @@ std::vector<const HardwareRegister*> selectRegisters(Device& device, const std::
 
 std::vector<std::string> suggestions(Device& device, std::string_view name) {
    constexpr std::size_t most = 3;
-   const std::size_t limit = std::max<std::size_t>(2, name.size() / 3);
+   const std::size_t limit = (name.size() + 2) / 3;
    std::vector<std::pair<std::size_t, std::string>> near;
    for (const HardwareRegister* record : device.registers()) {
       const std::size_t distance = editDistance(name, record->name, limit);

@@ -18,6 +18,9 @@ bool matchesGlob(std::string_view pattern, std::string_view name) noexcept;
 std::vector<const TarnRegFile::HardwareRegister*> selectRegisters(Device& device,
                                                                   const std::string& pattern);
 
+/// Throws Failure (unknownName) "no register <name>", with suggestions.
+[[noreturn]] void throwUnknown(Device& device, std::string_view name);
+
 /// Up to three of the device's register names that `name` may have been meant to be.
 std::vector<std::string> suggestions(Device& device, std::string_view name);
 

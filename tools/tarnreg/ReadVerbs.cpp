@@ -4,6 +4,7 @@
 
 #include "tools/tarnreg/Failure.h"
 #include "tools/tarnreg/NamePattern.h"
+#include "tools/tarnreg/Printable.h"
 #include "tools/tarnreg/Verbs.h"
 
 namespace TarnReg {
@@ -31,21 +32,13 @@ Selection selectAll(Device& device, const std::vector<std::string>& patterns, Re
    return selected;
 }
 
-std::size_t longestName(const Selection& selection) {
-   std::size_t longest = 0;
-   for (const HardwareRegister* record : selection) {
-      longest = std::max(longest, record->name.size());
-   }
-   return longest;
-}
-
 void readSelection(Device& device, const Selection& selection, Report& report) {
-   report.nameWidthIs(longestName(selection));
+   report.nameWidthIs(nameColumnWidth(selection));
    for (const HardwareRegister* record : selection) {
       try {
          report.value(*record, device.read(record->name));
       } catch (const AccessError& error) {
-         report.failure(ExitCode::deviceError, error.what(), record->name);
+         report.failure(error.code(), error.what(), record->name);
       }
    }
 }
@@ -54,10 +47,9 @@ void readSelection(Device& device, const Selection& selection, Report& report) {
 
 void listRegisters(Device& device, const std::vector<std::string>& patterns, Report& report) {
    const Selection selection = selectAll(device, patterns, report);
-   const std::size_t nameWidth = longestName(selection);
+   const std::size_t nameWidth = nameColumnWidth(selection);
    for (const HardwareRegister* record : selection) {
-      report.row("registers",
-                 fmt::format("{:<{}}  {:#010x}  {:>2} bits  {}  {}", shownName(record->name),
+      report.row(fmt::format("{:<{}}  {:#010x}  {:>2} bits  {}  {}", shownName(record->name),
                              nameWidth, record->address, record->width,
                              record->writable ? "rw" : "ro",
                              HardwareRegister::regTypeToString(record->type)),

@@ -1,6 +1,8 @@
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 
 #include <fmt/format.h>
@@ -8,6 +10,8 @@
 #include "platform/entity/Errors.h"
 #include "platform/entity/TypeData.h"
 #include "tools/tarnreg/Failure.h"
+#include "tools/tarnreg/NamePattern.h"
+#include "tools/tarnreg/Printable.h"
 #include "tools/tarnreg/Verbs.h"
 
 namespace TarnReg {
@@ -82,7 +86,7 @@ bool printCollections(const Platform::Value& result, Report& report) {
       any = true;
       for (const Platform::Value& key : attribute.keys(*node)) {
          const std::string element = attribute.element(*node, key.data()).toString();
-         report.row("results", fmt::format("{}[{}]={}", attribute.name, key.toString(), element),
+         report.row(printable(fmt::format("{}[{}]={}", attribute.name, key.toString(), element)),
                     {{"collection", attribute.name},
                      {"key", jsonText(key.toString())},
                      {"value", jsonText(element)}});
@@ -91,12 +95,26 @@ bool printCollections(const Platform::Value& result, Report& report) {
    return any;
 }
 
+/// A misspelt name is to be told before the access, not as its failure.
+void requireRegister(Device& device, const Platform::OperationData& operation,
+                     const std::vector<std::string>& arguments) {
+   if (operation.name == "hasRegName") {
+      return;
+   }
+   for (std::size_t i = 0; i < std::min(operation.arguments.size(), arguments.size()); ++i) {
+      const std::string& argument = operation.arguments[i].name;
+      if ((argument == "regName" || argument == "regArrayName") && !device.find(arguments[i])) {
+         throwUnknown(device, arguments[i]);
+      }
+   }
+}
+
 } // namespace
 
 void describeType(const std::string& name, Report& report) {
    if (name.empty()) {
       for (const TypeData* type : knownTypes()) {
-         report.row("types", std::string(type->name()),
+         report.row(std::string(type->name()),
                     report.json() ? typeJson(*type) : nlohmann::ordered_json());
       }
       return;
@@ -108,12 +126,19 @@ void describeType(const std::string& name, Report& report) {
    }
    std::string text = type->describe();
    text.pop_back(); // the row ends the last line
-   report.row("types", text, report.json() ? typeJson(*type) : nlohmann::ordered_json());
+   report.row(text, report.json() ? typeJson(*type) : nlohmann::ordered_json());
 }
 
 void callOperation(Device& device, const std::string& operation,
                    const std::vector<std::string>& arguments, Report& report) {
    TarnRegFile::TransportMethod& method = device.method();
+   const Platform::OperationData* row = method.typeData().findOperation(operation);
+   if (!row) {
+      throw Failure(
+         ExitCode::unknownName,
+         fmt::format("no operation {}; describe TransportMethod lists them", shownName(operation)));
+   }
+   requireRegister(device, *row, arguments);
    try {
       Platform::Value result;
       device.access("call", operation, [&] {
@@ -128,16 +153,18 @@ void callOperation(Device& device, const std::string& operation,
             element["type"] = result.typeName();
             element["value"] = jsonText(result.toString());
          }
-         report.row("results", result.toString(), std::move(element));
+         report.row(printable(result.toString()), std::move(element));
       }
    } catch (const Platform::RangeError& error) {
       throw Failure(ExitCode::usage, error.what());
    } catch (const AccessError& error) {
-      throw Failure(ExitCode::deviceError, error.what());
+      throw Failure(error.code(), error.what());
    } catch (const std::system_error& error) {
       throw Failure(error.code() == std::errc::no_such_file_or_directory ? ExitCode::unknownName
                                                                          : ExitCode::deviceError,
                     error.what());
+   } catch (const std::runtime_error& error) {
+      throw Failure(ExitCode::deviceError, error.what());
    }
 }
 

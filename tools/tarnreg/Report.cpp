@@ -5,7 +5,7 @@
 
 #include <fmt/format.h>
 
-#include "platform/entity/TextRange.h"
+#include "tools/tarnreg/Printable.h"
 
 namespace TarnReg {
 
@@ -35,11 +35,14 @@ std::string_view codeName(ExitCode code) {
 
 } // namespace
 
-std::string shownName(const std::string& name) {
-   const bool plain = std::none_of(name.begin(), name.end(), [](char c) {
-      return static_cast<unsigned char>(c) < 0x20 || c == 0x7f || c == '\x1b';
-   });
-   return plain ? name : Platform::quote(name);
+std::size_t nameColumnWidth(const std::vector<const TarnRegFile::HardwareRegister*>& registers) {
+   // One absurd name must not blow up every other line.
+   constexpr std::size_t widest = 60;
+   std::size_t width = 0;
+   for (const TarnRegFile::HardwareRegister* record : registers) {
+      width = std::max(width, std::min(widest, shownName(record->name).size()));
+   }
+   return width;
 }
 
 std::string jsonText(const std::string& text) {
@@ -59,10 +62,11 @@ nlohmann::ordered_json registerJson(const TarnRegFile::HardwareRegister& record)
    return json;
 }
 
-Report::Report(Console& console, std::string verb, bool json, NumberBase base)
-   : _console(console), _json(json), _base(base) {
+Report::Report(Console& console, std::string verb, std::string list, bool json, NumberBase base)
+   : _console(console), _json(json), _base(base), _list(std::move(list)) {
    _document["schema"] = "tarnreg/1";
    _document["verb"] = std::move(verb);
+   _document[_list] = nlohmann::ordered_json::array();
 }
 
 void Report::value(const TarnRegFile::HardwareRegister& record, std::uint32_t value) {
@@ -71,15 +75,21 @@ void Report::value(const TarnRegFile::HardwareRegister& record, std::uint32_t va
       element = registerJson(record);
       element["value"] = value;
    }
-   row("registers",
-       fmt::format("{:<{}}  {}", shownName(record.name), _nameWidth,
+   row(fmt::format("{:<{}}  {}", shownName(record.name), _nameWidth,
                    formatNumber(value, record.width, _base)),
        std::move(element));
+   if (!_json) {
+      _console.data().flush();
+   }
 }
 
-void Report::row(const std::string& list, const std::string& line, nlohmann::ordered_json element) {
+void Report::property(const std::string& key, nlohmann::ordered_json value) {
+   _document[key] = std::move(value);
+}
+
+void Report::row(const std::string& line, nlohmann::ordered_json element) {
    if (_json) {
-      _document[list].push_back(std::move(element));
+      _document[_list].push_back(std::move(element));
    } else {
       _console.data() << line << '\n';
    }
@@ -96,18 +106,18 @@ void Report::failure(ExitCode code, const std::string& text, const std::string& 
          element["name"] = jsonText(name);
       }
       element["text"] = jsonText(text);
-      _document["errors"].push_back(std::move(element));
+      _errors.push_back(std::move(element));
    }
 }
 
 ExitCode Report::finish() {
    if (_json) {
+      _document["errors"] = std::move(_errors);
       _document["exitCode"] = static_cast<int>(_exit);
-      _console.data() << _document.dump(2) << '\n';
+      // ASCII only, so that no name reaches a terminal as anything but itself.
+      _console.data() << _document.dump(2, ' ', true) << '\n';
    }
-   _console.data().flush();
-   if (!_console.data()) {
-      _console.error("cannot write the output");
+   if (!_console.finish()) {
       _exit = worse(_exit, ExitCode::general);
    }
    return _exit;

@@ -18,15 +18,20 @@ namespace TarnReg {
 /// it failed.
 class Report {
 public:
-   Report(Console& console, std::string verb, bool json, NumberBase base);
+   /// `list` is the name that the document's array of results has.
+   Report(Console& console, std::string verb, std::string list, bool json, NumberBase base);
 
    bool json() const noexcept { return _json; }
 
-   /// A register and its value: "NAME  0x2a".
+   /// A register and its value: "NAME  0x2a". Out at once, so that of a device that hangs one sees
+   /// where.
    void value(const TarnRegFile::HardwareRegister& record, std::uint32_t value);
 
-   /// One line of data, or one element of the document's array `list`.
-   void row(const std::string& list, const std::string& line, nlohmann::ordered_json element);
+   /// One line of data, or one element of the document's array of results.
+   void row(const std::string& line, nlohmann::ordered_json element);
+
+   /// A member of the document beside the results.
+   void property(const std::string& key, nlohmann::ordered_json value);
 
    /// A failure: said at once on standard error, kept for the document and the exit code.
    void failure(ExitCode code, const std::string& text, const std::string& name = {});
@@ -43,15 +48,16 @@ private:
    NumberBase _base;
    std::size_t _nameWidth = 0;
    ExitCode _exit = ExitCode::ok;
+   std::string _list;
    nlohmann::ordered_json _document;
+   nlohmann::ordered_json _errors = nlohmann::ordered_json::array();
 };
 
 /// The attributes of a register that JSON output shows of it everywhere.
 nlohmann::ordered_json registerJson(const TarnRegFile::HardwareRegister& record);
 
-/// A register's name as a line shows it: quoted and escaped when it holds control characters, which
-/// a terminal would obey.
-std::string shownName(const std::string& name);
+/// The column that the names of these registers take: the longest's, within reason.
+std::size_t nameColumnWidth(const std::vector<const TarnRegFile::HardwareRegister*>& registers);
 
 /// A text as JSON takes it: bytes that are no valid UTF-8 replaced.
 std::string jsonText(const std::string& text);

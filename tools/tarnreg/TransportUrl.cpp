@@ -1,6 +1,12 @@
 #include "tools/tarnreg/TransportUrl.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 #include <fmt/format.h>
 
@@ -17,6 +23,34 @@ TransportUrl::TransportUrl(std::string_view text) {
    if (_scheme != "mock" || colon == std::string_view::npos) {
       throw Failure(ExitCode::usage,
                     fmt::format("transport '{}' is not known; there is mock:[VALUES-FILE]", text));
+   }
+}
+
+std::string TransportUrl::valuesFile() const {
+   const char* fromEnvironment = std::getenv("REG_VALUES_FILE");
+   return !_rest.empty() || !fromEnvironment ? _rest : std::string(fromEnvironment);
+}
+
+void TransportUrl::checkValuesFile(bool writing) const {
+   const std::string path = valuesFile();
+   if (path.empty()) {
+      return;
+   }
+   struct stat status {};
+   bool good = ::stat(path.c_str(), &status) == 0;
+   if (good && S_ISDIR(status.st_mode)) {
+      errno = EISDIR;
+      good = false;
+   } else if (good) {
+      good = ::access(path.c_str(), writing ? R_OK | W_OK : R_OK) == 0;
+   } else if (errno == ENOENT) {
+      // It will be made.
+      const std::filesystem::path directory = std::filesystem::path(path).parent_path();
+      good = ::access(directory.empty() ? "." : directory.c_str(), W_OK) == 0;
+   }
+   if (!good) {
+      throw Failure(ExitCode::deviceError, fmt::format("values file {}: {}", path,
+                                                       std::generic_category().message(errno)));
    }
 }
 

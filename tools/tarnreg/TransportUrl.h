@@ -19,6 +19,15 @@ public:
    const std::string& scheme() const noexcept { return _scheme; }
    const std::string& rest() const noexcept { return _rest; }
 
+   /// The file that the mock keeps its values in, from here or from REG_VALUES_FILE; empty for
+   /// none.
+   std::string valuesFile() const;
+
+   /// Throws Failure (deviceError) when the values file cannot be used: it or its directory is
+   /// missing, unreadable, or, with `writing`, not writable. The mock itself would do without it
+   /// and say nothing.
+   void checkValuesFile(bool writing) const;
+
    /// The descriptor that selects the transport. For "mock:PATH" it also points REG_VALUES_FILE,
    /// which the mock reads, at PATH; to be called once, while the process has one thread.
    Platform::Ptr<TarnRegFile::BaseTransportDescriptor> descriptor() const;

@@ -1,9 +1,8 @@
-#include <algorithm>
-
 #include <fmt/format.h>
 
 #include "tools/tarnreg/Failure.h"
 #include "tools/tarnreg/NamePattern.h"
+#include "tools/tarnreg/Printable.h"
 #include "tools/tarnreg/Verbs.h"
 
 namespace TarnReg {
@@ -30,13 +29,13 @@ void appendAssignments(Device& device, const std::string& text, bool force,
    const std::uint32_t value = parseNumber(text.substr(equals + 1), text);
    for (const HardwareRegister* record : selectRegisters(device, text.substr(0, equals))) {
       if (!record->writable && !force) {
-         throw Failure(
-            ExitCode::refused,
-            fmt::format("{} is read-only; --force writes it all the same", record->name));
+         throw Failure(ExitCode::refused,
+                       fmt::format("{} is read-only; --force writes it all the same",
+                                   shownName(record->name)));
       }
       if ((value & ~widthMask(record->width)) != 0) {
          throw Failure(ExitCode::usage, fmt::format("{:#x} does not fit in the {} bits of {}",
-                                                    value, record->width, record->name));
+                                                    value, record->width, shownName(record->name)));
       }
       out.push_back({record, value});
    }
@@ -60,7 +59,7 @@ std::vector<Assignment> checkedAssignments(Device& device, const std::vector<std
 
 std::string question(const std::vector<Assignment>& assignments) {
    const Assignment& first = assignments.front();
-   const std::string one = fmt::format("{}={:#x}", first.record->name, first.value);
+   const std::string one = fmt::format("{}={:#x}", shownName(first.record->name), first.value);
    return assignments.size() == 1
              ? fmt::format("Write {}?", one)
              : fmt::format("Write {} and {} more?", one, assignments.size() - 1);
@@ -71,8 +70,8 @@ void verify(Device& device, const Assignment& assignment, Report& report) {
    const std::uint32_t found = device.read(assignment.record->name);
    if ((found & mask) != (assignment.value & mask)) {
       report.failure(ExitCode::readBackMismatch,
-                     fmt::format("{} reads back as {:#x}, not {:#x}", assignment.record->name,
-                                 found, assignment.value),
+                     fmt::format("{} reads back as {:#x}, not {:#x}",
+                                 shownName(assignment.record->name), found, assignment.value),
                      assignment.record->name);
    }
 }
@@ -83,11 +82,12 @@ void writeRegisters(Device& device, const std::vector<std::string>& texts,
                     const WriteOptions& options, Console& console, Report& report) {
    const std::vector<Assignment> assignments =
       checkedAssignments(device, texts, options.force, report);
-   std::size_t nameWidth = 0;
+   report.property("dryRun", options.dryRun);
+   std::vector<const HardwareRegister*> records;
    for (const Assignment& assignment : assignments) {
-      nameWidth = std::max(nameWidth, assignment.record->name.size());
+      records.push_back(assignment.record);
    }
-   report.nameWidthIs(nameWidth);
+   report.nameWidthIs(nameColumnWidth(records));
    if (assignments.empty()) {
       return;
    }
@@ -110,7 +110,7 @@ void writeRegisters(Device& device, const std::vector<std::string>& texts,
             verify(device, assignment, report);
          }
       } catch (const AccessError& error) {
-         report.failure(ExitCode::deviceError, error.what(), assignment.record->name);
+         report.failure(error.code(), error.what(), assignment.record->name);
       }
    }
 }

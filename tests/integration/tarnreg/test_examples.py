@@ -1,0 +1,102 @@
+"""The example programs, the sample device, and the demo that shows them."""
+
+import os
+import subprocess
+import tempfile
+import unittest
+
+from support import BOARD, BUILD, EXAMPLES, SOURCE, TIMEOUT, TarnregTest, environment, run
+
+
+class Examples(TarnregTest):
+    def program(self, name, *arguments):
+        done = subprocess.run(
+            [os.path.join(EXAMPLES, name), *arguments],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=environment(), timeout=TIMEOUT,
+            cwd=self.dir, text=True,
+        )
+        return done.returncode, done.stdout, done.stderr
+
+    def test_read_and_write(self):
+        code, out, err = self.program("read_and_write", BOARD)
+        self.assertEqual(code, 0, err)
+        self.assertEqual(
+            out,
+            "FAN[0]_PWM = 128\n"
+            "MAILBOX[7] = 0x5a5a5a5a\n"
+            "NO_SUCH_REGISTER = 0xffffffff, error flag set\n",
+        )
+        self.assertEqual(len(err.splitlines()), 2, err)
+        self.assertIn(
+            "TransportMethod error on register 'NO_SUCH_REGISTER': RegisterFile does not have "
+            "register 'NO_SUCH_REGISTER'",
+            err,
+        )
+
+    def test_observe_results(self):
+        code, out, err = self.program("observe_results", BOARD)
+        self.assertEqual(code, 0, err)
+        self.assertEqual(
+            out,
+            "write LED_SYSTEM: Success\n"
+            "read LED_SYSTEM: Success, 0x2\n"
+            "switch-board: error is now set\n"
+            "read NO_SUCH_REGISTER: Error, 0xffffffff\n"
+            "switch-board: error is now clear\n"
+            "read LED_SYSTEM: Success, 0x2\n",
+        )
+
+    def test_model_in_code(self):
+        self.assertEqual(
+            self.program("model_in_code"),
+            (0, "0x00 CPLD_ID = 0x0\n0x04 RAIL_ENABLE = 0x3f\n0x08 RAIL_STATUS = 0x0\n", ""),
+        )
+
+    def test_mistakes_are_told(self):
+        for name in ("read_and_write", "observe_results"):
+            code, out, err = self.program(name)
+            self.assertEqual((code, out), (2, ""))
+            self.assertIn("usage: ", err)
+            code, out, err = self.program(name, "/no/such")
+            self.assertEqual((code, out), (1, ""))
+            self.assertIn("Error opening CSV file /no/such", err)
+
+    def test_they_leave_no_file(self):
+        self.program("read_and_write", BOARD)
+        self.program("observe_results", BOARD)
+        self.program("model_in_code")
+        self.assertEqual(os.listdir(self.dir), [])
+
+
+class SampleDevice(TarnregTest):
+    def test_has_no_problem_of_any_kind(self):
+        self.assert_run(run("check", BOARD, "--fail-on", "info"), 0, "", "")
+
+    def test_has_its_registers(self):
+        registers = run("--file", BOARD, "--json", "list").document["registers"]
+        self.assertEqual(len(registers), 280)
+        self.assertEqual(len({register["address"] for register in registers}), 280)
+        lane = [r for r in registers if r["name"] == "LANE[3]_[2]_ERRORS"]
+        self.assertEqual((lane[0]["address"], lane[0]["arraySize"]), ((512 + 14) * 4, 16))
+
+
+class Demo(TarnregTest):
+    def test_runs_and_leaves_nothing_behind(self):
+        listing = lambda path: sorted(os.listdir(path))
+        places = (SOURCE, os.path.dirname(BOARD))
+        before = [listing(place) for place in places]
+        done = subprocess.run(
+            [os.path.join(SOURCE, "scripts", "demo"), BUILD],
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=TIMEOUT,
+            env=environment(TMPDIR=self.dir),
+        )
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertTrue(done.stdout.endswith("Done.\n"))
+        for words in ("(exit code 3)", "(exit code 4)", "(exit code 2)", "SCRATCH"):
+            self.assertIn(words, done.stdout)
+        self.assertEqual(os.listdir(self.dir), [])
+        self.assertEqual([listing(place) for place in places], before)
+
+
+if __name__ == "__main__":
+    unittest.main()
