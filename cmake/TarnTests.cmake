@@ -14,6 +14,8 @@ function(tarn_add_tests target)
   target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
   # Tests use every corner of an interface, conversions between widths included.
   target_compile_options(${target} PRIVATE -Wno-sign-conversion -Wno-conversion)
+  # What is tested is optimised as the build says; the tests themselves only cost time to optimise.
+  target_compile_options(${target} PRIVATE $<$<CONFIG:Debug>:-O0>)
   gtest_discover_tests(${target} DISCOVERY_TIMEOUT 120
     PROPERTIES TIMEOUT ${ARG_TIMEOUT})
 endfunction()
