@@ -311,7 +311,7 @@ void TransportMethod::handleDeletion() {
    delete std::exchange(_impl, nullptr);
 }
 
-void tryPerformIO(TransportMethod* tm, const String& regName, std::function<void()> action) {
+void tryPerformIO(TransportMethod* tm, const String& regName, const std::function<void()>& action) {
    guarded(*tm, regName, action);
 }
 

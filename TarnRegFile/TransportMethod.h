@@ -177,6 +177,6 @@ TARN_API Ptr<TransportMethod> transportMethodFactory(const String& name);
 /// errno is kept from the failure to the exception that is raised for it. Throws
 /// std::bad_function_call when `action` is empty.
 TARN_API void tryPerformIO(TransportMethod* tm, const String& regName,
-                           std::function<void()> action);
+                           const std::function<void()>& action);
 
 } // namespace TarnRegFile

@@ -14,7 +14,8 @@ struct Label {
    std::string name;
    std::string value;
 
-   friend auto operator<=>(const Label&, const Label&) = default;
+   // clang-tidy takes the comparison's literal zero, which the compiler puts in, for a pointer.
+   friend auto operator<=>(const Label&, const Label&) = default; // NOLINT(modernize-use-nullptr)
 };
 
 /// Whether `name` is a metric name: 1 to 128 of letters, digits, `_` and `:`, no digit first.

@@ -8,7 +8,7 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 
 #include "platform/trace/Line.h"
-#include "platform/trace/SpdlogOutput.h"
+#include "platform/trace/private/SpdlogOutput.h"
 
 namespace Platform::Trace {
 

@@ -3,7 +3,7 @@
 #include <spdlog/sinks/stdout_sinks.h>
 
 #include "platform/trace/Line.h"
-#include "platform/trace/SpdlogOutput.h"
+#include "platform/trace/private/SpdlogOutput.h"
 
 namespace Platform::Trace {
 

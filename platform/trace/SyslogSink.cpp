@@ -4,7 +4,7 @@
 #include <syslog.h>
 
 #include "platform/trace/Line.h"
-#include "platform/trace/SpdlogOutput.h"
+#include "platform/trace/private/SpdlogOutput.h"
 
 namespace Platform::Trace {
 

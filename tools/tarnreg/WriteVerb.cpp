@@ -84,6 +84,7 @@ void writeRegisters(Device& device, const std::vector<std::string>& texts,
       checkedAssignments(device, texts, options.force, report);
    report.property("dryRun", options.dryRun);
    std::vector<const HardwareRegister*> records;
+   records.reserve(assignments.size());
    for (const Assignment& assignment : assignments) {
       records.push_back(assignment.record);
    }
