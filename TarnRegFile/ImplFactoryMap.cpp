@@ -1,10 +1,42 @@
 #include "TarnRegFile/ImplFactoryMap.h"
 
+#include <cerrno>
+
+#include <fmt/format.h>
+
+#include "platform/entity/Errors.h"
+#include "platform/entity/TypeData.h"
+#include "TarnRegFile/I2cTransportDescriptor.h"
+#include "TarnRegFile/I2cTransportMethodImpl.h"
 #include "TarnRegFile/MockTransportMethodImpl.h"
 
 namespace TarnRegFile {
 
 namespace {
+
+constexpr const char* wrongDescriptor = "TransportDescriptor must be a {}, not {}";
+
+/// The descriptor as the kind that a transport needs. Throws std::system_error EINVAL (generic
+/// category) when it is none, or null.
+template <typename Kind>
+Ptr<Kind> descriptorOfKind(const Ptr<BaseTransportDescriptor>& descriptor) {
+   Ptr<Kind> kind = Platform::ptrCast<Kind>(descriptor);
+   if (!kind) {
+      Platform::throwError(EINVAL,
+                           fmt::format(wrongDescriptor, Kind::staticType().name(),
+                                       descriptor ? descriptor->typeData().name() : "null"));
+   }
+   return kind;
+}
+
+template <I2cFlavour flavour>
+BaseTransportMethodImpl* i2cImplFactory(const Ptr<BaseTransportDescriptor>& descriptor,
+                                        const String& csvPath,
+                                        const Ptr<HardwareRegisterFile>& regFile) {
+   const auto device = descriptorOfKind<I2cTransportDescriptor>(descriptor);
+   return new I2cTransportMethodImpl(device->devicePath().c_str(), device->deviceAddress(),
+                                     csvPath.c_str(), flavour, regFile);
+}
 
 BaseTransportMethodImpl* mockImplFactory(const Ptr<BaseTransportDescriptor>&, const String& csvPath,
                                          const Ptr<HardwareRegisterFile>& regFile) {
@@ -14,6 +46,10 @@ BaseTransportMethodImpl* mockImplFactory(const Ptr<BaseTransportDescriptor>&, co
 } // namespace
 
 const ImplFactoryMap implFactoryMap = {
+   {{TransportType::i2cBus, TransportProtocol::i2cDev, TransportFlavour::i2cDevFlavour1},
+    i2cImplFactory<I2cFlavour::dataBlock>},
+   {{TransportType::i2cBus, TransportProtocol::i2cDev, TransportFlavour::i2cDevFlavour2},
+    i2cImplFactory<I2cFlavour::dataWord>},
    {{TransportType::mockBus, TransportProtocol::mockAccess, TransportFlavour::mockDefault},
     mockImplFactory},
 };
