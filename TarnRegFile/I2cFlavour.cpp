@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 
 #include <cerrno>
+#include <stdexcept>
 
 #include <fmt/format.h>
 
@@ -46,6 +47,16 @@ const std::unordered_map<I2cFlavour, Spec> table = {
    {I2cFlavour::dataBlock, {1, readDataBlock, writeDataBlock}},
    {I2cFlavour::dataWord, {1, readDataWord, writeDataWord}},
 };
+
+const Spec& specOf(I2cFlavour flavour) {
+   const auto row = table.find(flavour);
+   if (row == table.end()) {
+      // The text of a checked look-up is the standard library's own and differs between its
+      // versions; clients know this one.
+      throw std::out_of_range("_Map_base::at");
+   }
+   return row->second;
+}
 
 std::uint32_t readDataBlock(int fd, const HardwareRegister& reg) {
    const Utils::UnixFlockRes lock(fd, LOCK_EX);

@@ -37,6 +37,9 @@ struct Spec {
 /// Every flavour there is. Built when the library is loaded, never changed.
 TARN_API extern const std::unordered_map<I2cFlavour, Spec> table;
 
+/// The row of a flavour. Throws std::out_of_range "_Map_base::at" when there is none.
+TARN_API const Spec& specOf(I2cFlavour flavour);
+
 /// Reads in two transfers, the register's address and then four bytes, and keeps other processes
 /// off the device in between with an exclusive flock on `fd`.
 ///

@@ -27,7 +27,7 @@ constexpr const char* addressText = "Error setting peripheral address to {:#x}";
 I2cTransportMethodImpl::I2cTransportMethodImpl(const char* devicePath, int peripheralAddress,
                                                const char* chipName, I2cFlavour flavour,
                                                const Ptr<HardwareRegisterFile>& regFile)
-   : I2cTransportMethodImpl(i2cflavspec::table.at(flavour), devicePath, peripheralAddress, chipName,
+   : I2cTransportMethodImpl(i2cflavspec::specOf(flavour), devicePath, peripheralAddress, chipName,
                             regFile) {}
 
 I2cTransportMethodImpl::I2cTransportMethodImpl(const i2cflavspec::Spec& spec,
