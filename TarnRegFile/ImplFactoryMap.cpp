@@ -6,15 +6,19 @@
 
 #include "platform/entity/Errors.h"
 #include "platform/entity/TypeData.h"
+#include "platform/hardware/HwAccessImpl.h"
 #include "TarnRegFile/I2cTransportDescriptor.h"
 #include "TarnRegFile/I2cTransportMethodImpl.h"
 #include "TarnRegFile/MockTransportMethodImpl.h"
+#include "TarnRegFile/PciTransportDescriptor.h"
+#include "TarnRegFile/PciTransportMethodImpl.h"
 
 namespace TarnRegFile {
 
 namespace {
 
 constexpr const char* wrongDescriptor = "TransportDescriptor must be a {}, not {}";
+constexpr const char* notPciAccess = "PciHwAccessImpl cast error";
 
 /// The descriptor as the kind that a transport needs. Throws std::system_error EINVAL (generic
 /// category) when it is none, or null.
@@ -27,6 +31,18 @@ Ptr<Kind> descriptorOfKind(const Ptr<BaseTransportDescriptor>& descriptor) {
                                        descriptor ? descriptor->typeData().name() : "null"));
    }
    return kind;
+}
+
+BaseTransportMethodImpl* pciImplFactory(const Ptr<BaseTransportDescriptor>& descriptor,
+                                        const String& csvPath,
+                                        const Ptr<HardwareRegisterFile>& regFile) {
+   const Ptr<Hardware::HwAccess> hwAccess =
+      descriptorOfKind<PciTransportDescriptor>(descriptor)->hwAccess();
+   const auto hwAccessImpl = Platform::ptrCast<Hardware::HwAccessImpl>(hwAccess);
+   if (hwAccess && !hwAccessImpl) {
+      Platform::throwErrno(notPciAccess);
+   }
+   return new PciTransportMethodImpl(hwAccessImpl, csvPath.c_str(), regFile);
 }
 
 template <I2cFlavour flavour>
@@ -46,6 +62,8 @@ BaseTransportMethodImpl* mockImplFactory(const Ptr<BaseTransportDescriptor>&, co
 } // namespace
 
 const ImplFactoryMap implFactoryMap = {
+   {{TransportType::pciBus, TransportProtocol::pciMmio, TransportFlavour::pciDefault},
+    pciImplFactory},
    {{TransportType::i2cBus, TransportProtocol::i2cDev, TransportFlavour::i2cDevFlavour1},
     i2cImplFactory<I2cFlavour::dataBlock>},
    {{TransportType::i2cBus, TransportProtocol::i2cDev, TransportFlavour::i2cDevFlavour2},

@@ -1,0 +1,153 @@
+#include "platform/hardware/BusErrorGuard.h"
+
+#include <csetjmp>
+#include <csignal>
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <mutex>
+
+namespace Hardware {
+
+namespace {
+
+// Where a guarded region is resumed, on the stack of the thread that runs it.
+struct Recovery {
+   sigjmp_buf environment;
+   std::uintptr_t begin;
+   std::uintptr_t end;
+   Recovery* outer;
+};
+
+// The handler reads it, and in a shared library the usual model of thread-local storage may
+// allocate at the first use on a thread. This one is a fixed distance from the thread pointer.
+[[gnu::tls_model("initial-exec")]] constinit thread_local Recovery* innermost = nullptr;
+
+// Written before the handler is installed, read by it.
+struct sigaction previous = {};
+constinit std::atomic<bool> previousSpent{false}; // an SA_RESETHAND handler has had its call
+
+constinit std::atomic<bool> installed{false};
+constinit std::atomic<bool> installsItself{true};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+// Whether the signal tells of the instruction that it interrupted, which runs again when the
+// handler returns. Of what the kernel reports, only a memory error found in passing does not.
+bool isFault(const siginfo_t& info) noexcept {
+   return info.si_code > 0 && info.si_code != BUS_MCEERR_AO;
+}
+
+// What the kernel does for a process without a handler.
+void defaultAction(int signal, const siginfo_t& info) noexcept {
+   struct sigaction action = {};
+   action.sa_handler = SIG_DFL;
+   ::sigaction(signal, &action, nullptr);
+   if (!isFault(info)) {
+      ::raise(signal);
+   }
+   // A fault comes again when the handler returns, and is then reported with its own address.
+}
+
+void callPrevious(int signal, siginfo_t* info, void* context) {
+   sigset_t blocked = previous.sa_mask;
+   if (!(previous.sa_flags & SA_NODEFER)) {
+      ::sigaddset(&blocked, signal);
+   }
+   sigset_t mask;
+   ::pthread_sigmask(SIG_BLOCK, &blocked, &mask);
+   if (previous.sa_flags & SA_SIGINFO) {
+      previous.sa_sigaction(signal, info, context);
+   } else {
+      previous.sa_handler(signal);
+   }
+   ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+}
+
+void forward(int signal, siginfo_t* info, void* context) {
+   if (previous.sa_handler == SIG_IGN && !isFault(*info)) {
+      return;
+   }
+   // Nobody can ignore a fault: the kernel takes the default action in its place.
+   const bool none = previous.sa_handler == SIG_DFL || previous.sa_handler == SIG_IGN;
+   const bool once = (static_cast<unsigned>(previous.sa_flags) & SA_RESETHAND) != 0;
+   if (none || (once && previousSpent.exchange(true))) {
+      defaultAction(signal, *info);
+   } else {
+      callPrevious(signal, info, context);
+   }
+}
+
+void onBusError(int signal, siginfo_t* info, void* context) {
+   const int error = errno;
+   if (isFault(*info)) {
+      const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
+      for (Recovery* recovery = innermost; recovery; recovery = recovery->outer) {
+         if (address >= recovery->begin && address < recovery->end) {
+            innermost = recovery->outer;
+            errno = error;
+            ::siglongjmp(recovery->environment, 1);
+         }
+      }
+   }
+   forward(signal, info, context);
+   errno = error;
+}
+
+} // namespace
+
+void BusErrorGuard::initialize() {
+   static std::once_flag once;
+   std::call_once(once, [] {
+      // Known before the first signal can reach the handler.
+      ::sigaction(SIGBUS, nullptr, &previous);
+      struct sigaction action = {};
+      action.sa_sigaction = onBusError;
+      // The region is resumed by a jump that does not restore the signal mask, to save its system
+      // calls; so the handler must not have changed it. The other stack, where a thread has one,
+      // is for handlers behind this one that count on it.
+      action.sa_flags = SA_SIGINFO | SA_NODEFER | SA_ONSTACK;
+      const bool isFunction = previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN;
+      action.sa_flags |= isFunction ? previous.sa_flags & SA_RESTART : SA_RESTART;
+      ::sigaction(SIGBUS, &action, nullptr);
+      installed.store(true, std::memory_order_release);
+   });
+}
+
+bool BusErrorGuard::initialized() noexcept {
+   return installed.load(std::memory_order_acquire);
+}
+
+bool BusErrorGuard::autoInstall() noexcept {
+   return installsItself.load(std::memory_order_relaxed);
+}
+
+void BusErrorGuard::autoInstallIs(bool autoInstall) noexcept {
+   installsItself.store(autoInstall, std::memory_order_relaxed);
+}
+
+// The second return of sigsetjmp finds the parameters and locals as they were: none of them
+// changes after the first.
+bool BusErrorGuard::run(const volatile void* begin, std::size_t size, Action action,
+                        void* argument) noexcept {
+   Recovery recovery;
+   recovery.begin = reinterpret_cast<std::uintptr_t>(begin);
+   recovery.end = recovery.begin + size;
+   recovery.outer = innermost;
+   if (sigsetjmp(recovery.environment, 0) != 0) {
+      // The handler has taken this region, and those inside of it, out of force.
+      return false;
+   }
+   innermost = &recovery;
+   // The compiler knows nothing of the handler: the region must neither begin before it is armed
+   // nor end after it is disarmed.
+   std::atomic_signal_fence(std::memory_order_seq_cst);
+   action(argument);
+   std::atomic_signal_fence(std::memory_order_seq_cst);
+   innermost = recovery.outer;
+   return true;
+}
+
+} // namespace Hardware
