@@ -11,8 +11,11 @@
 #include <string>
 #include <string_view>
 
+#include "platform/hardware/PciHwAccessImpl.h"
+#include "TarnRegFile/PciTransportDescriptor.h"
 #include "TarnRegFile/TransportMethod.h"
 #include "tests/support/EnvironmentVariable.h"
+#include "tests/support/RegisterSpace.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -107,6 +110,25 @@ TEST_F(Allocation, AWriteAfterTheFirstAllocatesNothing) {
                 }
              }),
              0u);
+}
+
+TEST_F(Allocation, AMappedDevicesAccessesAllocateNothingGuardedOrNot) {
+   TestSupport::RegisterSpace space(8192);
+   const auto access = Hardware::pciHwAccessImplFactory("fpga", space.path());
+   const auto descriptor = TarnRegFile::pciTransportDescriptorFactory(access);
+   for (const bool plain : {false, true}) {
+      access->busErrorFlagIs(plain);
+      const auto tm = TarnRegFile::transportMethodFactory("fpga");
+      tm->fullInit(descriptor,
+                   TarnRegFile::TransportMethodRegFile(_tm->regFileHelper()->regFilePtr()));
+      EXPECT_EQ(allocationsOf([&] {
+                   for (std::uint32_t i = 0; i < 1000; ++i) {
+                      tm->regWrite(_name, i);
+                      tm->regRead(_name);
+                   }
+                }),
+                0u);
+   }
 }
 
 TEST_F(Allocation, NamingAHelperAddsNone) {
