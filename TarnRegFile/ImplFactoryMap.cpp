@@ -12,6 +12,8 @@
 #include "TarnRegFile/MockTransportMethodImpl.h"
 #include "TarnRegFile/PciTransportDescriptor.h"
 #include "TarnRegFile/PciTransportMethodImpl.h"
+#include "TarnRegFile/SpiTransportDescriptor.h"
+#include "TarnRegFile/SpiTransportMethodImpl.h"
 
 namespace TarnRegFile {
 
@@ -59,6 +61,13 @@ BaseTransportMethodImpl* mockImplFactory(const Ptr<BaseTransportDescriptor>&, co
    return new MockTransportMethodImpl(csvPath.c_str(), regFile);
 }
 
+BaseTransportMethodImpl* spiImplFactory(const Ptr<BaseTransportDescriptor>& descriptor,
+                                        const String& csvPath,
+                                        const Ptr<HardwareRegisterFile>& regFile) {
+   const auto device = descriptorOfKind<SpiTransportDescriptor>(descriptor);
+   return new SpiTransportMethodImpl(device->hwAccess(), csvPath.c_str(), regFile);
+}
+
 } // namespace
 
 const ImplFactoryMap implFactoryMap = {
@@ -70,6 +79,8 @@ const ImplFactoryMap implFactoryMap = {
     i2cImplFactory<I2cFlavour::dataWord>},
    {{TransportType::mockBus, TransportProtocol::mockAccess, TransportFlavour::mockDefault},
     mockImplFactory},
+   {{TransportType::spiBus, TransportProtocol::spiAccess, TransportFlavour::spiDefault},
+    spiImplFactory},
 };
 
 } // namespace TarnRegFile

@@ -1,0 +1,7 @@
+#include "platform/hardware/SpiBackend.h"
+
+namespace Hardware {
+
+SpiBackend::~SpiBackend() = default;
+
+} // namespace Hardware
