@@ -22,7 +22,7 @@ constexpr const char* partMissing = "SPI state machine must have an engine, a co
                                     "status";
 constexpr const char* observerFailed = "an observer failed: {}";
 constexpr const char* discardedCount =
-   "SPI engine of '{}' taken down, {} queued requests discarded";
+   "SPI engine of '{}' taken down; queued requests discarded: {}";
 constexpr const char* discarded = "SPI request {}: discarded, as its engine was taken down";
 
 } // namespace

@@ -426,7 +426,7 @@ TEST_F(StateMachine, TeardownFailsWhatWaitsWithoutTouchingTheDevice) {
    EXPECT_THAT(texts, ElementsAre("SPI request 1: discarded, as its engine was taken down",
                                   "SPI request 2: discarded, as its engine was taken down"));
    EXPECT_THAT(trace.texts(),
-               ElementsAre("SPI engine of 'cpld' taken down, 2 queued requests discarded"));
+               ElementsAre("SPI engine of 'cpld' taken down; queued requests discarded: 2"));
    EXPECT_EQ(status->failed(), 2u);
    EXPECT_EQ(status->lastError(), ECANCELED);
    EXPECT_EQ(config->queueLength(), 0u);
@@ -482,7 +482,7 @@ TEST_F(StateMachine, WhatObserversThrowAtTheEndIsTracedAndGoesNoFurther) {
    sm.reset();
    EXPECT_EQ(status->failed(), 2u);
    EXPECT_THAT(trace.texts(),
-               ElementsAre("SPI engine of 'cpld' taken down, 2 queued requests discarded",
+               ElementsAre("SPI engine of 'cpld' taken down; queued requests discarded: 2",
                            "an observer failed: observer"));
 }
 
