@@ -1,7 +1,7 @@
 #include "platform/hardware/SimulatedSpiDevice.h"
 
 #include <algorithm>
-#include <cerrno>
+#include <thread>
 #include <utility>
 
 namespace Hardware {
@@ -33,14 +33,15 @@ int SimulatedSpiDevice::transfer(std::span<const std::uint8_t> out, std::span<st
 }
 
 int SimulatedSpiDevice::_nextError() {
-   ++_transfers;
-   const auto fault = _faults.find(_transfers);
-   int error = _lost ? ESHUTDOWN : 0;
-   if (fault != _faults.end()) {
-      error = fault->second;
-      _faults.erase(fault);
+   const FaultPlan::Outcome outcome = _faults.access(false);
+   if (outcome.delay.count() > 0) {
+      std::this_thread::sleep_for(outcome.delay);
    }
-   return error;
+   ++_transfers;
+   if (const auto failure = _failures.extract(_transfers)) {
+      return failure.mapped();
+   }
+   return outcome.error;
 }
 
 std::uint16_t SimulatedSpiDevice::registerValue(std::uint8_t address) const noexcept {
@@ -53,9 +54,9 @@ void SimulatedSpiDevice::failTransferIs(std::uint64_t k, int error) {
       return;
    }
    if (error == 0) {
-      _faults.erase(_transfers + k);
+      _failures.erase(_transfers + k);
    } else {
-      _faults[_transfers + k] = error;
+      _failures[_transfers + k] = error;
    }
 }
 

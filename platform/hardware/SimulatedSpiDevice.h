@@ -7,6 +7,7 @@
 
 #include "platform/entity/Export.h"
 #include "platform/entity/Types.h"
+#include "platform/hardware/FaultPlan.h"
 #include "platform/hardware/SpiBackend.h"
 
 namespace Hardware {
@@ -15,8 +16,8 @@ namespace Hardware {
 /// high byte, low byte. Messages of another length change nothing. It has nothing to say: zeros
 /// come back.
 ///
-/// Keeps a journal of what was sent to it, and fails on request. For tests, simulated boards and
-/// trying a register list out. On one thread.
+/// Keeps a journal of what was sent to it, and a plan of what goes wrong. For tests, simulated
+/// boards and trying a register list out. On one thread.
 class TARN_PLATFORM_API SimulatedSpiDevice : public SpiBackend {
 public:
    /// One message as it arrived, and what became of it: 0, or the errno it failed with.
@@ -43,15 +44,20 @@ public:
    const std::deque<Transfer>& journal() const noexcept { return _journal; }
    void journalClear() noexcept { _journal.clear(); }
 
-   /// Has the `k`-th transfer from now, 1 being the next, fail with `error`, once; nothing of it
-   /// takes effect. An error of 0 takes the fault back. Transfers to a lost device count too. A
-   /// `k` of 0 does nothing.
+   /// Faults, delays and whether the device is there. A transfer is one access, of direction write;
+   /// nothing of one that fails takes effect.
+   FaultPlan& faults() noexcept { return _faults; }
+   const FaultPlan& faults() const noexcept { return _faults; }
+
+   /// Has the `k`-th transfer from now, 1 being the next, fail with any errno, once, whatever the
+   /// plan says. Transfers to a lost device count too. An error of 0 takes the fault back; a `k` of
+   /// 0 does nothing.
    void failTransferIs(std::uint64_t k, int error);
 
-   /// Has every transfer fail with ESHUTDOWN, as the kernel's do when the device is unplugged,
-   /// until it is back. The registers keep their values.
-   void lostIs(bool lost) noexcept { _lost = lost; }
-   bool lost() const noexcept { return _lost; }
+   /// Takes the device away, so that every transfer fails with ENXIO, and brings it back. The
+   /// registers keep their values.
+   void lostIs(bool lost) { _faults.lostIs(lost); }
+   bool lost() const { return _faults.lost(); }
 
 private:
    int _nextError();
@@ -59,9 +65,9 @@ private:
    const Platform::String _name;
    std::map<std::uint8_t, std::uint16_t> _registers;
    std::deque<Transfer> _journal;
-   std::map<std::uint64_t, int> _faults; // by the number of the transfer
+   FaultPlan _faults;
+   std::map<std::uint64_t, int> _failures; // by the number of the transfer
    std::uint64_t _transfers = 0;
-   bool _lost = false;
 };
 
 } // namespace Hardware

@@ -416,14 +416,14 @@ TEST_F(SpiTransport, ItsRowMakesItFromAPathOrAModel) {
 }
 
 TEST_F(SpiTransport, ItsRowRefusesADescriptorOfAnotherKindAndNone) {
-   const auto failure = Failure(
-      "errno exception", EINVAL,
-      Platform::ErrnoException(EINVAL, "The SPI transport requires an SpiTransportDescriptor")
-         .what());
+   const std::string text =
+      "TransportDescriptor must be a TarnRegFile::SpiTransportDescriptor, not ";
+   const auto failure = Failure::generic(EINVAL, text + "TarnRegFile::BaseTransportDescriptor");
    const auto base = TarnRegFile::baseTransportDescriptorFactory(
       TransportType::spiBus, TransportProtocol::spiAccess, TransportFlavour::spiDefault);
    EXPECT_EQ(Failure([&] { implFactoryMap.at(spiKey)(base, "", model()); }), failure);
-   EXPECT_EQ(Failure([&] { implFactoryMap.at(spiKey)(nullptr, "", model()); }), failure);
+   EXPECT_EQ(Failure([&] { implFactoryMap.at(spiKey)(nullptr, "", model()); }),
+             Failure::generic(EINVAL, text + "null"));
    EXPECT_EQ(Failure([&] {
                 TarnRegFile::transportMethodFactory("cpld")->fullInit(
                    base, TarnRegFile::TransportMethodRegFile(model()));
@@ -448,7 +448,7 @@ TEST_F(SpiTransport, ThroughTheMethodAWriteIsASuccessOnceItIsQueued) {
    EXPECT_EQ(handle->drain(), 1u);
    EXPECT_FALSE(cpld->errorNotifier()->error()) << "the status tells, not the flag";
    ASSERT_EQ(handle->engines().size(), 1u);
-   EXPECT_EQ(handle->engines()[0]->status()->lastError(), ESHUTDOWN);
+   EXPECT_EQ(handle->engines()[0]->status()->lastError(), ENXIO);
    EXPECT_THAT(helper->results, ElementsAre("write LED Success"));
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 
 #include "platform/entity/Ptr.h"
 
@@ -71,12 +72,26 @@ TEST_F(SimulatedSpi, ALostDeviceFailsAllUntilItIsBackWithItsRegisters) {
    send({1, 0, 7});
    device->lostIs(true);
    EXPECT_TRUE(device->lost());
-   EXPECT_EQ(send({1, 0, 8}), ESHUTDOWN);
-   EXPECT_EQ(send({1, 0, 8}), ESHUTDOWN);
+   EXPECT_EQ(send({1, 0, 8}), ENXIO);
+   EXPECT_EQ(send({1, 0, 8}), ENXIO);
    device->lostIs(false);
    EXPECT_EQ(device->registerValue(1), 7);
    EXPECT_EQ(send({1, 0, 9}), 0);
    EXPECT_EQ(device->registerValue(1), 9);
+}
+
+TEST_F(SimulatedSpi, FollowsTheFaultPlanOfSimulatedDevices) {
+   device->faults().add({.kind = Hardware::FaultKind::timeout,
+                         .direction = Hardware::FaultDirection::write,
+                         .first = 2,
+                         .count = 1});
+   device->faults().add(
+      {.kind = Hardware::FaultKind::ioError, .direction = Hardware::FaultDirection::read});
+   device->faults().delayIs(std::chrono::microseconds(1));
+   EXPECT_EQ(send({1, 0, 1}), 0);
+   EXPECT_EQ(send({1, 0, 2}), ETIMEDOUT);
+   EXPECT_EQ(send({1, 0, 3}), 0);
+   EXPECT_EQ(device->registerValue(1), 3);
 }
 
 TEST_F(SimulatedSpi, TheJournalForgetsTheOldest) {

@@ -195,7 +195,7 @@ TEST_F(StateMachine, ADeadDeviceFailsItsRequestsAndOnceBackServesTheNext) {
       EXPECT_EQ(trace.records().size(), 1u) << "one line for a row of the same";
    }
    EXPECT_EQ(status->failed(), 3u);
-   EXPECT_EQ(status->lastError(), ESHUTDOWN);
+   EXPECT_EQ(status->lastError(), ENXIO);
    device->lostIs(false);
    enqueue({4});
    loop.run();
@@ -212,8 +212,7 @@ TEST_F(StateMachine, RepeatedFailuresAreTracedAtTheNextLevel) {
    ASSERT_EQ(trace.records().size(), 2u);
    EXPECT_EQ(trace.records()[0].level, 0);
    EXPECT_EQ(trace.records()[1].level, 1);
-   EXPECT_EQ(trace.records()[1].text,
-             "SPI request 2: bus 1: Cannot send after transport endpoint shutdown");
+   EXPECT_EQ(trace.records()[1].text, "SPI request 2: bus 1: No such device or address");
 }
 
 TEST_F(StateMachine, ADeviceThatIsNotReadyFailsItsRequests) {
