@@ -57,8 +57,8 @@ coverage: ## Run all tests and report which lines they reach (needs gcovr for th
 	cmake --build --preset coverage
 	cd build/coverage && $(CTEST)
 	@if command -v gcovr >/dev/null; then \
-	   gcovr --root . --filter 'platform/' --filter 'TarnRegFile/' --filter 'nimbo/' \
-	      --filter 'agent/' --filter 'tools/' --exclude-throw-branches --print-summary \
+	   gcovr --root . --filter 'platform/' --filter 'TarnRegFile/' --filter 'board/' \
+	      --filter 'nimbo/' --filter 'agent/' --filter 'tools/' --exclude-throw-branches --print-summary \
 	      --html-details build/coverage/report.html build/coverage && \
 	   echo "Report: build/coverage/report.html"; \
 	else echo "No report: gcovr is not installed. The counts are in build/coverage."; fi

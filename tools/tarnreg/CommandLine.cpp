@@ -4,6 +4,7 @@
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -11,11 +12,13 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "board/TransportUrl.h"
 #include "platform/trace/StderrSink.h"
 #include "platform/trace/Trace.h"
 #include "tools/tarnreg/Failure.h"
 #include "tools/tarnreg/Options.h"
 #include "tools/tarnreg/Printable.h"
+#include "tools/tarnreg/ValuesFile.h"
 #include "tools/tarnreg/Verbs.h"
 
 namespace TarnReg {
@@ -107,6 +110,7 @@ private:
    static CLI::Option* _words(CLI::App& verb, const char* name, std::vector<std::string>& words,
                               const char* help);
    void _installTrace();
+   static Board::TransportUrl _url(const std::string& text);
    Device& _device();
    Console& _talk();
    ExitCode _runVerb();
@@ -159,7 +163,11 @@ void Command::_globalOptions() {
       ->transform(unguarded());
    _app
       .add_option("--transport,-t", _options.transport,
-                  "How the device is reached: mock:[VALUES-FILE] (default mock:)")
+                  "How the device is reached (default mock:):\n"
+                  "mock:[VALUES-FILE]\n"
+                  "pci:BUS:DEVICE.FUNCTION[/resourceN], pci:PATH\n"
+                  "i2c:PATH@ADDRESS[?flavour=1|2]\n"
+                  "spi:PATH[?speed=HZ&mode=0..3]")
       ->option_text("URL")
       ->transform(unguarded());
    _app.add_flag("--json", _options.json, "Print one JSON document, schema tarnreg/1");
@@ -267,14 +275,22 @@ void Command::_installTrace() {
    Platform::Trace::sinkIs(_failures);
 }
 
+Board::TransportUrl Command::_url(const std::string& text) {
+   try {
+      return Board::TransportUrl(text);
+   } catch (const std::invalid_argument& error) {
+      throw Failure(ExitCode::usage, error.what());
+   }
+}
+
 Device& Command::_device() {
    if (!_opened) {
       if (_options.file.empty()) {
          throw Failure(ExitCode::usage, "--file is needed: the register list of the device");
       }
-      const TransportUrl url(_options.transport);
-      url.checkValuesFile((_verbName == "write" && !_arguments.write.dryRun) ||
-                          _verbName == "call");
+      const Board::TransportUrl url = _url(_options.transport);
+      checkValuesFile(url.valuesFile(),
+                      (_verbName == "write" && !_arguments.write.dryRun) || _verbName == "call");
       _opened = std::make_unique<Device>(_options.file, url, _failures);
    }
    return *_opened;

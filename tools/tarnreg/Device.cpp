@@ -11,7 +11,11 @@
 #include <fmt/format.h>
 
 #include "platform/entity/Errors.h"
+#include "platform/hardware/SpiEngineSm.h"
+#include "platform/hardware/SpiEngineStatus.h"
 #include "TarnRegFile/RegisterFileChecker.h"
+#include "TarnRegFile/RegisterFileHelper.h"
+#include "TarnRegFile/SpiTransportDescriptor.h"
 #include "tools/tarnreg/Failure.h"
 #include "tools/tarnreg/Printable.h"
 
@@ -19,7 +23,30 @@ namespace TarnReg {
 
 using TarnRegFile::HardwareRegister;
 
-Device::Device(const std::string& file, const TransportUrl& url,
+namespace {
+
+/// What is wrong with the list at `file`, if anything, as the library says it.
+std::string listProblem(const std::string& file) {
+   try {
+      TarnRegFile::regFileHelperFactory(file)->init(file, 1, nullptr);
+   } catch (const std::logic_error& error) {
+      // The library's number conversions say no more than their own name.
+      return fmt::format("{}: {} (a register number or a bound of a range is no decimal number); "
+                         "tarnreg check says where",
+                         file, error.what());
+   } catch (const std::exception& error) {
+      const std::string text = error.what();
+      // The opening's failure names the file, the content's does not.
+      return text.find(file) != std::string::npos
+                ? text
+                : fmt::format("{}: {}; tarnreg check says where", file, text);
+   }
+   return "";
+}
+
+} // namespace
+
+Device::Device(const std::string& file, const Board::TransportUrl& url,
                std::shared_ptr<FailureSink> failures)
    : Device(TarnRegFile::transportMethodFactory(file), std::move(failures)) {
    // Loading it would stop the process.
@@ -28,25 +55,27 @@ Device::Device(const std::string& file, const TransportUrl& url,
          ExitCode::general,
          fmt::format("{}:{}: the lower bound of a range is above the upper", file, line));
    }
+   _open(file, url);
+}
+
+void Device::_open(const std::string& file, const Board::TransportUrl& url) {
    try {
-      _method->init(url.descriptor(), file);
-   } catch (const std::logic_error& error) {
-      // The library's number conversions say no more than their own name.
-      throw std::string_view(error.what()) == "stoul"
-         ? Failure(ExitCode::general,
-                   fmt::format("values file {}: a line does not hold two decimal numbers",
-                               url.valuesFile()))
-         : Failure(ExitCode::general,
-                   fmt::format("{}: {} (a register number or a bound of a range is no decimal "
-                               "number); tarnreg check says where",
-                               file, error.what()));
-   } catch (const std::system_error& error) {
-      const std::string text = error.what();
-      // The opening's failure names the file, the content's does not.
-      throw Failure(ExitCode::general,
-                    text.find(file) != std::string::npos
-                       ? text
-                       : fmt::format("{}: {}; tarnreg check says where", file, text));
+      const auto descriptor = url.descriptor();
+      if (const auto spi = Platform::ptrCast<TarnRegFile::SpiTransportDescriptor>(descriptor)) {
+         _spi = Platform::ptrCast<const Hardware::SpiHwAccess>(spi->hwAccess());
+      }
+      _method->init(descriptor, file);
+   } catch (const std::exception& error) {
+      // List and device are opened in one go; looking at the list alone tells which it was.
+      if (const std::string problem = listProblem(file); !problem.empty()) {
+         throw Failure(ExitCode::general, problem);
+      }
+      if (std::string_view(error.what()) == "stoul") {
+         throw Failure(ExitCode::general,
+                       fmt::format("values file {}: a line does not hold two decimal numbers",
+                                   url.valuesFile()));
+      }
+      throw Failure(ExitCode::deviceError, fmt::format("{}: {}", url.text(), error.what()));
    }
 }
 
@@ -106,7 +135,21 @@ std::uint32_t Device::read(const std::string& name) {
 }
 
 void Device::write(const std::string& name, std::uint32_t value) {
-   _accessRegister("write", name, [&] { _method->regWrite(name, value); });
+   _accessRegister("write", name, [&] {
+      _method->regWrite(name, value);
+      _send();
+   });
+}
+
+void Device::_send() {
+   if (!_spi || _spi->drain() == 0) {
+      return;
+   }
+   for (const auto& engine : _spi->engines()) {
+      if (engine->status()->lastError() != 0) {
+         throw std::runtime_error(engine->status()->lastErrorText());
+      }
+   }
 }
 
 void Device::_accessRegister(const char* what, const std::string& name,

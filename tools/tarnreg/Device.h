@@ -7,10 +7,11 @@
 #include <string_view>
 #include <vector>
 
+#include "board/TransportUrl.h"
+#include "platform/hardware/SpiHwAccess.h"
 #include "TarnRegFile/TransportMethod.h"
 #include "tools/tarnreg/AccessError.h"
 #include "tools/tarnreg/FailureSink.h"
-#include "tools/tarnreg/TransportUrl.h"
 
 namespace TarnReg {
 
@@ -20,7 +21,8 @@ class Device {
 public:
    /// Opens the device whose register list is at `file`. Throws Failure, and what else
    /// TransportMethod::init() throws. A list that would stop the process is refused too.
-   Device(const std::string& file, const TransportUrl& url, std::shared_ptr<FailureSink> failures);
+   Device(const std::string& file, const Board::TransportUrl& url,
+          std::shared_ptr<FailureSink> failures);
 
    /// Takes over a device that has its transport already, and makes it raise its failures.
    Device(Platform::Ptr<TarnRegFile::TransportMethod> method,
@@ -47,9 +49,13 @@ public:
    // AccessError, so that the others still have their turn.
 
    std::uint32_t read(const std::string& name);
+
+   /// Returns when the device has the value, also where the transport itself would only queue it.
    void write(const std::string& name, std::uint32_t value);
 
 private:
+   void _open(const std::string& file, const Board::TransportUrl& url);
+   void _send();
    void _accessRegister(const char* what, const std::string& name,
                         const std::function<void()>& run);
    AccessError _failure(const char* what, const std::string& name, const std::string& fallback,
@@ -57,6 +63,7 @@ private:
 
    Platform::Ptr<TarnRegFile::TransportMethod> _method;
    std::shared_ptr<FailureSink> _failures;
+   Platform::Ptr<const Hardware::SpiHwAccess> _spi; // if it is behind SPI
    std::vector<const TarnRegFile::HardwareRegister*> _registers;
 };
 

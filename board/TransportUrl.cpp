@@ -1,0 +1,230 @@
+#include "board/TransportUrl.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <regex>
+#include <stdexcept>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "platform/hardware/PciHwAccessImpl.h"
+#include "platform/hardware/SpiHwAccess.h"
+#include "TarnRegFile/I2cTransportDescriptor.h"
+#include "TarnRegFile/PciTransportDescriptor.h"
+#include "TarnRegFile/SpiTransportDescriptor.h"
+
+namespace Board {
+
+namespace {
+
+constexpr const char* valuesFileVariable = "REG_VALUES_FILE";
+constexpr const char* pciDevices = "/sys/bus/pci/devices/";
+constexpr std::uint32_t maxI2cAddress = 0x7f;
+constexpr std::uint32_t maxSpiMode = 3;
+
+/// The whole of `text` as a number, decimal or 0x hexadecimal.
+std::optional<std::uint32_t> numberOf(std::string_view text) {
+   const bool hex = text.starts_with("0x") || text.starts_with("0X");
+   if (hex) {
+      text.remove_prefix(2);
+   }
+   std::uint32_t number = 0;
+   const char* const end = text.data() + text.size();
+   const auto result = std::from_chars(text.data(), end, number, hex ? 16 : 10);
+   return result.ec == std::errc() && result.ptr == end ? std::optional(number) : std::nullopt;
+}
+
+/// What stands behind the scheme, taken apart piece by piece.
+class Rest {
+public:
+   Rest(std::string_view text, std::string_view form, std::string_view rest)
+      : _text(text), _form(form), _place(rest) {}
+
+   [[noreturn]] void fail(const std::string& reason) const {
+      throw std::invalid_argument(
+         fmt::format("transport '{}': {}; the form is {}", _text, reason, _form));
+   }
+
+   /// Takes what is behind a question mark off the place, and refuses options other than these.
+   void optionsAre(std::initializer_list<std::string_view> known) {
+      const std::size_t mark = _place.find('?');
+      if (mark == std::string_view::npos) {
+         return;
+      }
+      std::string_view rest = _place.substr(mark + 1);
+      _place = _place.substr(0, mark);
+      for (std::size_t end = 0; end != std::string_view::npos;) {
+         end = rest.find('&');
+         const std::string_view item = rest.substr(0, end);
+         const std::size_t equals = std::min(item.find('='), item.size());
+         const std::string_view name = item.substr(0, equals);
+         if (std::find(known.begin(), known.end(), name) == known.end()) {
+            fail(fmt::format("there is no option '{}'", name));
+         }
+         if (!_options.emplace(name, item.substr(std::min(equals + 1, item.size()))).second) {
+            fail(fmt::format("option '{}' is given twice", name));
+         }
+         rest.remove_prefix(end == std::string_view::npos ? 0 : end + 1);
+      }
+   }
+
+   /// An option's value, if it is given.
+   std::optional<std::uint32_t> number(std::string_view name, std::uint32_t least,
+                                       std::uint32_t most) const {
+      const auto option = _options.find(name);
+      if (option == _options.end()) {
+         return std::nullopt;
+      }
+      const std::optional<std::uint32_t> number = numberOf(option->second);
+      if (!number || *number < least || *number > most) {
+         fail(fmt::format("{} '{}' is no number from {} to {}", name, option->second, least, most));
+      }
+      return number;
+   }
+
+   std::string_view place() const noexcept { return _place; }
+
+private:
+   const std::string_view _text;
+   const std::string_view _form;
+   std::string_view _place;
+   std::map<std::string_view, std::string_view> _options;
+};
+
+TransportUrl::Where mockAt(Rest& rest) {
+   return MockAt{std::string(rest.place())};
+}
+
+TransportUrl::Where pciAt(Rest& rest) {
+   static const std::regex device(
+      "(([0-9a-fA-F]{4}:)?[0-9a-fA-F]{2}:[0-9a-fA-F]{2}\\.[0-7])(/(resource[0-9]+(_wc)?))?");
+   const std::string text(rest.place());
+   std::smatch parts;
+   if (std::regex_match(text, parts, device)) {
+      return PciAt{fmt::format("{}{}{}/{}", pciDevices, parts[2].matched ? "" : "0000:",
+                               parts[1].str(), parts[4].matched ? parts[4].str() : "resource0")};
+   }
+   if (text.find('/') == std::string::npos || text.back() == '/') {
+      rest.fail("neither a device nor the path of a file");
+   }
+   return PciAt{text};
+}
+
+TransportUrl::Where i2cAt(Rest& rest) {
+   rest.optionsAre({"flavour"});
+   const std::string_view place = rest.place();
+   const std::size_t at = place.rfind('@');
+   if (at == std::string_view::npos || at == 0) {
+      rest.fail(at == 0 ? "no path" : "no address");
+   }
+   const std::string_view address = place.substr(at + 1);
+   const std::optional<std::uint32_t> number = numberOf(address);
+   if (!number || *number > maxI2cAddress) {
+      rest.fail(fmt::format("address '{}' is no number from 0 to {:#x}", address, maxI2cAddress));
+   }
+   const std::uint32_t flavour = rest.number("flavour", 1, 2).value_or(1);
+   return I2cAt{std::string(place.substr(0, at)), static_cast<std::int32_t>(*number),
+                static_cast<TarnRegFile::I2cFlavour>(flavour)};
+}
+
+TransportUrl::Where spiAt(Rest& rest) {
+   rest.optionsAre({"speed", "mode"});
+   if (rest.place().empty()) {
+      rest.fail("no path");
+   }
+   SpiAt where;
+   where.settings.path = std::string(rest.place());
+   where.settings.maxSpeedHz = rest.number("speed", 1, UINT32_MAX).value_or(0);
+   if (const std::optional<std::uint32_t> mode = rest.number("mode", 0, maxSpiMode)) {
+      where.settings.mode = static_cast<std::uint8_t>(*mode);
+   }
+   return where;
+}
+
+struct Scheme {
+   std::string_view name;
+   std::string_view form;
+   TransportUrl::Where (*where)(Rest& rest);
+};
+
+constexpr std::array schemes{
+   Scheme{"mock", "mock:[VALUES-FILE]", mockAt},
+   Scheme{"pci", "pci:BUS:DEVICE.FUNCTION[/resourceN] or pci:PATH", pciAt},
+   Scheme{"i2c", "i2c:PATH@ADDRESS[?flavour=1|2]", i2cAt},
+   Scheme{"spi", "spi:PATH[?speed=HZ&mode=0..3]", spiAt},
+};
+
+template <typename... Visitors>
+struct Overloaded : Visitors... {
+   using Visitors::operator()...;
+};
+
+} // namespace
+
+TransportUrl::TransportUrl(std::string_view text) : _text(text) {
+   const std::size_t colon = text.find(':');
+   for (const Scheme& scheme : schemes) {
+      if (colon != std::string_view::npos && text.substr(0, colon) == scheme.name) {
+         Rest rest(text, scheme.form, text.substr(colon + 1));
+         _where = scheme.where(rest);
+         return;
+      }
+   }
+   std::string forms;
+   for (const Scheme& scheme : schemes) {
+      forms += (forms.empty() ? "" : ", ") + std::string(scheme.form);
+   }
+   throw std::invalid_argument(
+      fmt::format("transport '{}' is not known; there is {}", text, forms));
+}
+
+void TransportUrl::directoryIs(const std::string& directory) {
+   if (auto* mock = std::get_if<MockAt>(&_where); mock && !mock->valuesFile.empty()) {
+      mock->valuesFile = (std::filesystem::path(directory) / mock->valuesFile).string();
+   }
+}
+
+std::string TransportUrl::valuesFile() const {
+   const auto* mock = std::get_if<MockAt>(&_where);
+   if (!mock) {
+      return "";
+   }
+   const char* fromEnvironment = std::getenv(valuesFileVariable);
+   return !mock->valuesFile.empty() || !fromEnvironment ? mock->valuesFile
+                                                        : std::string(fromEnvironment);
+}
+
+Platform::Ptr<TarnRegFile::BaseTransportDescriptor> TransportUrl::descriptor() const {
+   using Descriptor = Platform::Ptr<TarnRegFile::BaseTransportDescriptor>;
+   return std::visit(Overloaded{[](const MockAt& mock) -> Descriptor {
+                                   if (!mock.valuesFile.empty()) {
+                                      ::setenv(valuesFileVariable, mock.valuesFile.c_str(), 1);
+                                   }
+                                   return TarnRegFile::mockTransportDescriptorFactory();
+                                },
+                                [](const PciAt& pci) -> Descriptor {
+                                   return TarnRegFile::pciTransportDescriptorFactory(
+                                      Hardware::pciHwAccessImplFactory(pci.path, pci.path));
+                                },
+                                [](const I2cAt& i2c) -> Descriptor {
+                                   return TarnRegFile::i2cTransportDescriptorFactory(
+                                      i2c.path, i2c.address, i2c.flavour);
+                                },
+                                [](const SpiAt& spi) -> Descriptor {
+                                   const auto access =
+                                      Hardware::spiHwAccessFactory(spi.settings.path, spi.settings);
+                                   // Whoever names the device wants it used; whether it is there,
+                                   // the transfer tells.
+                                   access->readyIs(true);
+                                   return TarnRegFile::spiTransportDescriptorFactory(access);
+                                }},
+                     _where);
+}
+
+} // namespace Board

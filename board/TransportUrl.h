@@ -1,0 +1,77 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "platform/entity/Ptr.h"
+#include "platform/hardware/SpidevBackend.h"
+#include "TarnRegFile/I2cFlavour.h"
+#include "TarnRegFile/TransportDescriptor.h"
+
+namespace Board {
+
+/// In memory, and in a values file.
+struct MockAt {
+   std::string valuesFile; ///< empty for what the environment names, if anything
+};
+
+/// A PCI device's register space, or an ordinary file in its place.
+struct PciAt {
+   std::string path;
+};
+
+/// A device on one of the kernel's I2C buses.
+struct I2cAt {
+   std::string path;
+   std::int32_t address = 0;
+   TarnRegFile::I2cFlavour flavour = TarnRegFile::I2cFlavour::dataBlock;
+};
+
+/// A device behind one of the kernel's SPI devices.
+struct SpiAt {
+   Hardware::SpidevSettings settings;
+};
+
+/// Says in one line of text how a device is reached, "scheme:rest":
+///
+///     mock:                              in memory, and in the file that REG_VALUES_FILE names
+///     mock:PATH                          in memory and in the values file at PATH
+///     pci:[DOMAIN:]BUS:DEVICE.FUNCTION[/resourceN]
+///                                        a BAR, resource0 unless another is named
+///     pci:PATH                           a file, by its path with a slash in it
+///     i2c:PATH@ADDRESS[?flavour=1|2]     flavour 1 unless told otherwise
+///     spi:PATH[?speed=HZ&mode=0..3]      clock limit and mode as the system has them unless told
+///
+/// Numbers are decimal or, with 0x, hexadecimal. A plain value.
+class TransportUrl {
+public:
+   using Where = std::variant<MockAt, PciAt, I2cAt, SpiAt>;
+
+   /// Opens nothing. Throws std::invalid_argument, naming the text and what is wrong with it.
+   explicit TransportUrl(std::string_view text);
+
+   const Where& where() const noexcept { return _where; }
+
+   /// As it was given.
+   const std::string& text() const noexcept { return _text; }
+
+   /// Makes the one relative path there can be, the mock's, count from `directory`.
+   void directoryIs(const std::string& directory);
+
+   /// The file that the mock keeps its values in, from here or from REG_VALUES_FILE; empty for
+   /// none, and for the other transports.
+   std::string valuesFile() const;
+
+   /// A new descriptor that selects the transport. A PCI device is mapped for it; it throws what
+   /// Hardware::pciHwAccessImplFactory() throws. For a mock with a path it also points
+   /// REG_VALUES_FILE, which the mock reads, there: to be called while the process has one thread.
+   Platform::Ptr<TarnRegFile::BaseTransportDescriptor> descriptor() const;
+
+private:
+   std::string _text;
+   Where _where;
+};
+
+} // namespace Board
