@@ -112,7 +112,7 @@ class CommandLine(TarnregTest):
             (["--file", BOARD, "write"], "NAME=VALUE"),
             (["--file", BOARD, "call"], "OPERATION"),
             (["check"], "FILE"),
-            (["--file", BOARD, "--transport", "i2c:/dev/i2c-3@0x50", "list"], "i2c:"),
+            (["--file", BOARD, "--transport", "usb:1", "list"], "transport 'usb:1' is not known"),
             (["--file"], "--file"),
         ):
             with self.subTest(arguments=arguments):
@@ -520,6 +520,74 @@ class Files(TarnregTest):
         result = run("--file", board, "read", "REGISTR_99999")
         self.assertEqual(result.code, 3)
         self.assertIn("did you mean REGISTER_99999", result.err)
+
+
+class Transports(TarnregTest):
+    """Devices that are reached through what the kernel offers, or fail to be."""
+
+    def setUp(self):
+        super().setUp()
+        self.bar = self.path("bar")
+        with open(self.bar, "wb") as stream:
+            stream.write(bytes(4096))
+
+    def tarnreg(self, url, *arguments):
+        return run("--file", BOARD, "--transport", url, *arguments)
+
+    def test_a_mapped_file_is_a_device(self):
+        url = f"pci:{self.bar}"
+        self.assert_run(
+            self.tarnreg(url, "write", "SCRATCH=0x1234", "--verify"), 0, "SCRATCH  0x00001234\n", ""
+        )
+        with open(self.bar, "rb") as stream:
+            content = stream.read()
+        self.assertEqual(content, bytes(16) + b"\x34\x12\0\0" + bytes(4076))
+        self.assert_run(self.tarnreg(url, "read", "SCRATCH"), 0, "SCRATCH  0x00001234\n", "")
+
+    def test_a_mapping_that_is_too_short_costs_only_the_registers_behind_its_end(self):
+        with open(self.bar, "r+b") as stream:
+            stream.truncate(16)
+        self.assert_run(
+            self.tarnreg(f"pci:{self.bar}", "read", "FPGA_ID", "SCRATCH"),
+            5,
+            "FPGA_ID  0x00000000\n",
+        )
+
+    def test_what_does_not_open_is_a_device_error(self):
+        for url, reason in (
+            ("pci:/nowhere/x", "Error opening PCI register space /nowhere/x: No such file or directory"),
+            ("i2c:/nowhere@0x50", "Error opening I2C device '/nowhere': No such file or directory"),
+            (
+                f"i2c:{self.bar}@0x50",
+                "Error setting peripheral address to 0x50: Inappropriate ioctl for device",
+            ),
+        ):
+            self.assert_run(
+                self.tarnreg(url, "read", "SCRATCH"), 5, "", f"tarnreg: error: {url}: {reason}\n"
+            )
+
+    def test_a_bad_list_is_blamed_before_a_bad_device(self):
+        self.assert_run(
+            run("--file", "/nowhere", "--transport", "i2c:/nowhere@0x50", "read", "A"),
+            1,
+            "",
+            "tarnreg: error: Error opening CSV file /nowhere: No such file or directory\n",
+        )
+
+    def test_a_wrong_url_is_a_usage_error_and_opens_nothing(self):
+        for url in ("i2c:/dev/i2c-0", "i2c:/dev/i2c-0@0x80", "pci:bar", "spi:", "usb:1"):
+            result = self.tarnreg(url, "read", "SCRATCH")
+            self.assertEqual((result.code, result.out), (2, ""), url)
+            self.assertIn(f"transport '{url}'", result.err)
+
+    def test_a_queued_write_that_fails_is_a_failed_write(self):
+        self.assert_run(
+            self.tarnreg("spi:/nowhere", "write", "SCRATCH=0x12"),
+            5,
+            "",
+            "tarnreg: error: cannot write SCRATCH: SPI request 0: /nowhere: "
+            "No such file or directory\n",
+        )
 
 
 class Values(TarnregTest):
