@@ -4,7 +4,6 @@
 #include <functional>
 #include <iostream>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,9 +11,9 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include "board/TransportUrl.h"
 #include "platform/trace/StderrSink.h"
 #include "platform/trace/Trace.h"
+#include "tools/tarnreg/DevicePlace.h"
 #include "tools/tarnreg/Failure.h"
 #include "tools/tarnreg/Options.h"
 #include "tools/tarnreg/Printable.h"
@@ -110,7 +109,6 @@ private:
    static CLI::Option* _words(CLI::App& verb, const char* name, std::vector<std::string>& words,
                               const char* help);
    void _installTrace();
-   static Board::TransportUrl _url(const std::string& text);
    Device& _device();
    Console& _talk();
    ExitCode _runVerb();
@@ -133,6 +131,7 @@ Command::Command()
           "  tarnreg --file board.csv list 'FAN*'\n"
           "  tarnreg --file board.csv read 'FAN[0:3]_PWM' FPGA_ID\n"
           "  tarnreg --file board.csv --transport mock:values.csv write SCRATCH=0x1234 --verify\n"
+          "  tarnreg --board board.toml --device fpga read FPGA_ID\n"
           "  tarnreg check board.csv\n",
           "tarnreg") {
    _app.footer(
@@ -145,7 +144,7 @@ Command::Command()
       "An interrupt ends it as a signal does: 130 for the shell.\n"
       "\n"
       "A name that begins with a dash stands behind --. Environment: REG_VALUES_FILE (the\n"
-      "values file of mock:), TARN_TRACE (levels by source), NO_COLOR.");
+      "values file of mock:), TARN_BOARD (board file), TARN_TRACE (levels by source), NO_COLOR.");
    _app.require_subcommand(1);
    _app.fallthrough();
    _app.set_version_flag("--version", std::string("tarnreg ") + TARNREG_VERSION);
@@ -169,6 +168,13 @@ void Command::_globalOptions() {
                   "i2c:PATH@ADDRESS[?flavour=1|2]\n"
                   "spi:PATH[?speed=HZ&mode=0..3]")
       ->option_text("URL")
+      ->transform(unguarded());
+   _app.add_option("--device,-d", _options.device, "A device of the board file, in place of both")
+      ->type_name("NAME")
+      ->transform(unguarded());
+   _app
+      .add_option("--board,-b", _options.board, "Board file (TOML); else the one TARN_BOARD names")
+      ->type_name("FILE")
       ->transform(unguarded());
    _app.add_flag("--json", _options.json, "Print one JSON document, schema tarnreg/1");
    _app.add_option("--base", _options.base, "How values are shown")
@@ -205,6 +211,9 @@ CLI::Option* Command::_words(CLI::App& verb, const char* name, std::vector<std::
 void Command::_verbs() {
    const char* patternHelp =
       "Names, with * and ? for any characters and [0:3] for a range of an array";
+   _verb("devices", "devices", "List the devices of the board file",
+         [this](Report& report) { listDevices(boardFile(_options), report); });
+
    CLI::App* list =
       _verb("list", "registers", "List registers: name, address, width, access, type",
             [this](Report& report) { listRegisters(_device(), _arguments.patterns, report); });
@@ -275,23 +284,12 @@ void Command::_installTrace() {
    Platform::Trace::sinkIs(_failures);
 }
 
-Board::TransportUrl Command::_url(const std::string& text) {
-   try {
-      return Board::TransportUrl(text);
-   } catch (const std::invalid_argument& error) {
-      throw Failure(ExitCode::usage, error.what());
-   }
-}
-
 Device& Command::_device() {
    if (!_opened) {
-      if (_options.file.empty()) {
-         throw Failure(ExitCode::usage, "--file is needed: the register list of the device");
-      }
-      const Board::TransportUrl url = _url(_options.transport);
-      checkValuesFile(url.valuesFile(),
+      const DevicePlace place = devicePlace(_options);
+      checkValuesFile(place.url.valuesFile(),
                       (_verbName == "write" && !_arguments.write.dryRun) || _verbName == "call");
-      _opened = std::make_unique<Device>(_options.file, url, _failures);
+      _opened = std::make_unique<Device>(place.list, place.url, _failures);
    }
    return *_opened;
 }

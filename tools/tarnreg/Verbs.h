@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "board/BoardFile.h"
 #include "TarnRegFile/RegisterFileChecker.h"
 #include "tools/tarnreg/Console.h"
 #include "tools/tarnreg/Device.h"
@@ -12,6 +13,9 @@
 /// What the command does, verb by verb. Each works on an opened device and says everything through
 /// its Report, so that it can be used and tested without a process around it.
 namespace TarnReg {
+
+/// Lists the devices of a board file: name, register list, transport.
+void listDevices(const Board::BoardFile& board, Report& report);
 
 /// Lists the registers that match `patterns`; all of them without patterns.
 void listRegisters(Device& device, const std::vector<std::string>& patterns, Report& report);

@@ -590,6 +590,58 @@ class Transports(TarnregTest):
         )
 
 
+class BoardFiles(TarnregTest):
+    def setUp(self):
+        super().setUp()
+        self.list("0,A,id,true,32\n1,B,id,true,8\n")
+        self.board = self.write(
+            "board.toml",
+            "[devices.fpga]\nlist = 'list.csv'\ntransport = 'mock:values.csv'\n"
+            "[devices.cpld]\nlist = '/lists/cpld.csv'\ntransport = 'i2c:/dev/i2c-3@0x50'\n",
+        )
+
+    def test_devices_are_listed_by_name(self):
+        self.assert_run(
+            run("--board", self.board, "devices"),
+            0,
+            f"cpld  i2c:/dev/i2c-3@0x50  /lists/cpld.csv\nfpga  mock:values.csv  {self.dir}/list.csv\n",
+            "",
+        )
+        document = run("devices", "--json", env={"TARN_BOARD": self.board}).document
+        self.assertEqual(
+            document["devices"][0],
+            {"name": "cpld", "transport": "i2c:/dev/i2c-3@0x50", "list": "/lists/cpld.csv"},
+        )
+
+    def test_a_device_is_named_in_place_of_list_and_transport(self):
+        device = ("--board", self.board, "--device", "fpga")
+        self.assert_run(run(*device, "write", "A=0x12", "--verify"), 0, "A  0x00000012\n", "")
+        # Beside the board file, wherever the command runs.
+        self.assertEqual(self.values(), {"0,18"})
+        self.assert_run(run("-d", "fpga", "read", "A", env={"TARN_BOARD": self.board}), 0, "A  0x00000012\n", "")
+
+    def test_an_unknown_device_is_an_unknown_name(self):
+        self.assert_run(
+            run("--board", self.board, "--device", "fgpa", "read", "A"),
+            3,
+            "",
+            f"tarnreg: error: {self.board} has no device fgpa; there is cpld, fpga\n",
+        )
+
+    def test_what_is_wrong_with_the_file_is_said_with_its_place(self):
+        bad = self.write("bad.toml", "[devices.fpga]\nlist = 3\n")
+        for verb in (["devices"], ["--device", "fpga", "read", "A"]):
+            self.assert_run(
+                run("--board", bad, *verb),
+                1,
+                "",
+                f"tarnreg: error: {bad}:2:8: 'list' must be a string\n",
+            )
+        self.assert_run(
+            run("devices"), 2, "", "tarnreg: error: --board is needed: the board file\n"
+        )
+
+
 class Values(TarnregTest):
     def test_a_path_keeps_values_for_the_next_process(self):
         device = ["--file", BOARD, "--transport", "mock:" + self.path("values.csv")]
