@@ -1,0 +1,78 @@
+#include "tools/tarnsim/Simulation.h"
+
+#include <unistd.h>
+
+#include <set>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "tools/tarnsim/I2cDevice.h"
+#include "tools/tarnsim/I2cNode.h"
+
+namespace TarnSim {
+
+Simulation::Simulation(const Board& board) {
+   _addI2c(board);
+   _addPci(board);
+}
+
+void Simulation::_addI2c(const Board& board) {
+   for (const I2cSpec& spec : board.i2c) {
+      auto& bus = _i2cBuses[spec.bus];
+      if (!bus) {
+         bus = std::make_shared<Hardware::SimulatedI2cBus>();
+         ++_buses;
+         auto node = std::make_unique<I2cNode>(bus);
+         _files.push_back({.path = spec.bus, .node = node.get()});
+         _nodes.push_back(std::move(node));
+      }
+      auto device = std::make_unique<I2cDevice>(spec);
+      bus->deviceIs(spec.address, device->model());
+      _devices.push_back(std::move(device));
+   }
+}
+
+void Simulation::_addPci(const Board& board) {
+   std::set<std::string> functions;
+   for (const PciSpec& spec : board.pci) {
+      auto device = std::make_unique<PciDevice>(spec);
+      _files.push_back({.path = device->path(), .pci = device.get()});
+      if (functions.insert(spec.function).second && (spec.vendor != 0 || spec.device != 0)) {
+         const std::string folder = "/sys/bus/pci/devices/" + spec.function;
+         _files.push_back(
+            {.path = folder + "/vendor", .text = fmt::format("0x{:04x}\n", spec.vendor)});
+         _files.push_back(
+            {.path = folder + "/device", .text = fmt::format("0x{:04x}\n", spec.device)});
+      }
+      _devices.push_back(std::move(device));
+   }
+}
+
+SimulatedDevice* Simulation::device(std::string_view name) const noexcept {
+   for (const auto& device : _devices) {
+      if (device->name() == name) {
+         return device.get();
+      }
+   }
+   return nullptr;
+}
+
+void Simulation::wireLogIs(TarnRegFile::Utils::UnixFdRes file) {
+   _wireLog = std::move(file);
+   for (const auto& [path, bus] : _i2cBuses) {
+      std::string front;
+      if (_i2cBuses.size() > 1) {
+         front = path.substr(path.rfind('/') + 1) + ": ";
+      }
+      bus->wireLogIs([this, front](std::string_view line) {
+         // One write a line: lines of two buses do not mix, and a crash loses none.
+         const std::string text = fmt::format("{}{}\n", front, line);
+         if (::write(_wireLog.fd(), text.data(), text.size()) < 0) {
+            // A full disk costs the log, not the simulation.
+         }
+      });
+   }
+}
+
+} // namespace TarnSim
