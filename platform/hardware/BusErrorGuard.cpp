@@ -3,6 +3,7 @@
 #include <csetjmp>
 #include <csignal>
 #include <pthread.h>
+#include <ucontext.h>
 
 #include <atomic>
 #include <cerrno>
@@ -51,19 +52,25 @@ void defaultAction(int signal, const siginfo_t& info) noexcept {
    // A fault comes again when the handler returns, and is then reported with its own address.
 }
 
+// The signals that were blocked where the signal struck. While a handler runs, more may be blocked:
+// what the kernel was asked for, and what a tool that stands between (a sanitizer) adds to it.
+void restoreMask(const void* context) noexcept {
+   ::pthread_sigmask(SIG_SETMASK, &static_cast<const ucontext_t*>(context)->uc_sigmask, nullptr);
+}
+
 void callPrevious(int signal, siginfo_t* info, void* context) {
    sigset_t blocked = previous.sa_mask;
    if (!(previous.sa_flags & SA_NODEFER)) {
       ::sigaddset(&blocked, signal);
    }
-   sigset_t mask;
-   ::pthread_sigmask(SIG_BLOCK, &blocked, &mask);
+   restoreMask(context);
+   ::pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
    if (previous.sa_flags & SA_SIGINFO) {
       previous.sa_sigaction(signal, info, context);
    } else {
       previous.sa_handler(signal);
    }
-   ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+   // The return from our own handler restores the mask.
 }
 
 void forward(int signal, siginfo_t* info, void* context) {
@@ -81,17 +88,17 @@ void forward(int signal, siginfo_t* info, void* context) {
 }
 
 void onBusError(int signal, siginfo_t* info, void* context) {
-   const int error = errno;
    if (isFault(*info)) {
       const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
       for (Recovery* recovery = innermost; recovery; recovery = recovery->outer) {
          if (address >= recovery->begin && address < recovery->end) {
             innermost = recovery->outer;
-            errno = error;
+            restoreMask(context);
             ::siglongjmp(recovery->environment, 1);
          }
       }
    }
+   const int error = errno;
    forward(signal, info, context);
    errno = error;
 }
@@ -105,9 +112,8 @@ void BusErrorGuard::initialize() {
       ::sigaction(SIGBUS, nullptr, &previous);
       struct sigaction action = {};
       action.sa_sigaction = onBusError;
-      // The region is resumed by a jump that does not restore the signal mask, to save its system
-      // calls; so the handler must not have changed it. The other stack, where a thread has one,
-      // is for handlers behind this one that count on it.
+      // Not deferred, since a handler behind this one may make a guarded access of its own. The
+      // other stack, where a thread has one, is for handlers that count on it.
       action.sa_flags = SA_SIGINFO | SA_NODEFER | SA_ONSTACK;
       const bool isFunction = previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN;
       action.sa_flags |= isFunction ? previous.sa_flags & SA_RESTART : SA_RESTART;
@@ -128,16 +134,20 @@ void BusErrorGuard::autoInstallIs(bool autoInstall) noexcept {
    installsItself.store(autoInstall, std::memory_order_relaxed);
 }
 
+// The signal mask is not saved, to save the system call; the handler restores it.
+//
 // The second return of sigsetjmp finds the parameters and locals as they were: none of them
 // changes after the first.
 bool BusErrorGuard::run(const volatile void* begin, std::size_t size, Action action,
                         void* argument) noexcept {
+   const int error = errno;
    Recovery recovery;
    recovery.begin = reinterpret_cast<std::uintptr_t>(begin);
    recovery.end = recovery.begin + size;
    recovery.outer = innermost;
    if (sigsetjmp(recovery.environment, 0) != 0) {
       // The handler has taken this region, and those inside of it, out of force.
+      errno = error;
       return false;
    }
    innermost = &recovery;

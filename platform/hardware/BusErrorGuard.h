@@ -46,11 +46,12 @@ public:
    using Action = void (*)(void* argument) noexcept;
 
    /// Calls `action` with `argument`, guarded for the `size` bytes from `begin` on. Returns false
-   /// if a bus error in that range ended it, with errno as it was at the fault. Regions may be
+   /// if a bus error in that range ended it, with errno as it was before the call. Regions may be
    /// nested: a fault ends the innermost one whose range it is in, and the others stay in force.
    ///
-   /// Allocates nothing, takes no lock, makes no system call. SIGBUS must not be blocked on this
-   /// thread: the kernel ends a process that faults with the signal blocked.
+   /// Allocates nothing, takes no lock, and unless there is a fault, makes no system call. SIGBUS
+   /// must not be blocked on this thread: the kernel ends a process that faults with the signal
+   /// blocked.
    [[nodiscard]] static bool run(const volatile void* begin, std::size_t size, Action action,
                                  void* argument) noexcept;
 };
