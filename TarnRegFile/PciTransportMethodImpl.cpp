@@ -58,6 +58,73 @@ PciTransportMethodImpl::PciTransportMethodImpl(const Ptr<Hardware::HwAccessImpl>
 
 PciTransportMethodImpl::~PciTransportMethodImpl() = default;
 
+bool PciTransportMethodImpl::hardwareReady() const noexcept {
+   return _hwAccessImpl && _hwAccessImpl->ready();
+}
+
+// By reference: a copy of the record would copy its name, at the price of an allocation.
+inline const HardwareRegister& PciTransportMethodImpl::_getReg(const char* regName) const {
+   const HardwareRegister& reg = helper->registerByName(regName);
+   if (!_hwAccessImpl) [[unlikely]] {
+      Platform::throwError(ENODEV, fmt::format(noHandle, regName));
+   }
+   if (!hardwareReady()) [[unlikely]] {
+      _notReady();
+   }
+   if (reg.accessWidth < reg.width) [[unlikely]] {
+      throw std::runtime_error(fmt::format(tooWide, regName));
+   }
+   return reg;
+}
+
+void PciTransportMethodImpl::_notReady() const {
+   TARN_TRACE(traceSource, 1, "_getReg", "Hardware not ready, {} SIGBUS",
+              _useSigbusGuard ? "throwing" : "raising");
+   if (_useSigbusGuard) {
+      throw Hardware::SigbusException();
+   }
+   // A program that handles the signal and returns gets its access all the same.
+   ::raise(SIGBUS);
+}
+
+// The handle would refuse these as well, but without knowing the register, and a block only in its
+// middle.
+inline void PciTransportMethodImpl::_checkRoom(const char* regName, std::uint32_t offset,
+                                               std::uint32_t count) const {
+   if (count == 0) {
+      return;
+   }
+   const std::uint64_t end =
+      offset + (count - 1) * std::uint64_t{helper->addrBlockSize()} + wordSize;
+   if (offset % wordSize != 0 || end > _hwAccessImpl->size()) [[unlikely]] {
+      _refuse(regName, offset, count);
+   }
+}
+
+void PciTransportMethodImpl::_refuse(const char* regName, std::uint32_t offset,
+                                     std::uint32_t count) const {
+   const String& path = _hwAccessImpl->path();
+   const std::uint64_t size = _hwAccessImpl->size();
+   if (offset % wordSize != 0) {
+      Platform::throwError(EINVAL, fmt::format(notAligned, regName, offset, path));
+   }
+   Platform::throwError(ENXIO, count == 1
+                                  ? fmt::format(beyond, regName, offset, size, path)
+                                  : fmt::format(blockBeyond, regName, offset, count, size, path));
+}
+
+inline std::uint32_t PciTransportMethodImpl::_read(std::uint32_t offset) const {
+   return _useSigbusGuard ? _hwAccessImpl->guardedRead32(offset) : _hwAccessImpl->read32(offset);
+}
+
+inline void PciTransportMethodImpl::_write(std::uint32_t offset, std::uint32_t value) const {
+   if (_useSigbusGuard) {
+      _hwAccessImpl->guardedWrite32(offset, value);
+   } else {
+      _hwAccessImpl->write32(offset, value);
+   }
+}
+
 std::uint32_t PciTransportMethodImpl::regRead(const char* regName) {
    const HardwareRegister& reg = _getReg(regName);
    _checkRoom(regName, reg.address, 1);
@@ -87,63 +154,6 @@ void PciTransportMethodImpl::regWriteBlock(const char* regName, const std::uint3
    const std::uint32_t stride = helper->addrBlockSize();
    for (std::uint32_t i = 0; i < count; ++i) {
       _write(reg.address + i * stride, buf[i]);
-   }
-}
-
-bool PciTransportMethodImpl::hardwareReady() const noexcept {
-   return _hwAccessImpl && _hwAccessImpl->ready();
-}
-
-// By reference: a copy of the record would copy its name, at the price of an allocation.
-const HardwareRegister& PciTransportMethodImpl::_getReg(const char* regName) const {
-   const HardwareRegister& reg = helper->registerByName(regName);
-   if (!_hwAccessImpl) [[unlikely]] {
-      Platform::throwError(ENODEV, fmt::format(noHandle, regName));
-   }
-   if (!hardwareReady()) [[unlikely]] {
-      TARN_TRACE(traceSource, 1, "_getReg", "Hardware not ready, {} SIGBUS",
-                 _useSigbusGuard ? "throwing" : "raising");
-      if (_useSigbusGuard) {
-         throw Hardware::SigbusException();
-      }
-      // A program that handles the signal and returns gets its access all the same.
-      ::raise(SIGBUS);
-   }
-   if (reg.accessWidth < reg.width) [[unlikely]] {
-      throw std::runtime_error(fmt::format(tooWide, regName));
-   }
-   return reg;
-}
-
-// The handle would refuse these as well, but without knowing the register, and a block only in its
-// middle.
-void PciTransportMethodImpl::_checkRoom(const char* regName, std::uint32_t offset,
-                                        std::uint32_t count) const {
-   if (count == 0) {
-      return;
-   }
-   if (offset % wordSize != 0) [[unlikely]] {
-      Platform::throwError(EINVAL, fmt::format(notAligned, regName, offset, _hwAccessImpl->path()));
-   }
-   const std::uint64_t stride = helper->addrBlockSize();
-   const std::uint64_t size = _hwAccessImpl->size();
-   if (offset + (count - 1) * stride + wordSize > size) [[unlikely]] {
-      const String& path = _hwAccessImpl->path();
-      Platform::throwError(
-         ENXIO, count == 1 ? fmt::format(beyond, regName, offset, size, path)
-                           : fmt::format(blockBeyond, regName, offset, count, size, path));
-   }
-}
-
-std::uint32_t PciTransportMethodImpl::_read(std::uint32_t offset) const {
-   return _useSigbusGuard ? _hwAccessImpl->guardedRead32(offset) : _hwAccessImpl->read32(offset);
-}
-
-void PciTransportMethodImpl::_write(std::uint32_t offset, std::uint32_t value) const {
-   if (_useSigbusGuard) {
-      _hwAccessImpl->guardedWrite32(offset, value);
-   } else {
-      _hwAccessImpl->write32(offset, value);
    }
 }
 

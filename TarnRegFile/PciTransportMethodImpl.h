@@ -62,6 +62,8 @@ public:
 private:
    const HardwareRegister& _getReg(const char* regName) const;
    void _checkRoom(const char* regName, std::uint32_t offset, std::uint32_t count) const;
+   [[noreturn]] void _refuse(const char* regName, std::uint32_t offset, std::uint32_t count) const;
+   void _notReady() const;
    std::uint32_t _read(std::uint32_t offset) const;
    void _write(std::uint32_t offset, std::uint32_t value) const;
 

@@ -140,6 +140,9 @@ void BusErrorGuard::autoInstallIs(bool autoInstall) noexcept {
 // changes after the first.
 bool BusErrorGuard::run(const volatile void* begin, std::size_t size, Action action,
                         void* argument) noexcept {
+   if (!initialized() && autoInstall()) [[unlikely]] {
+      initialize();
+   }
    const int error = errno;
    Recovery recovery;
    recovery.begin = reinterpret_cast<std::uintptr_t>(begin);

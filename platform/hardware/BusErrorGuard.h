@@ -27,18 +27,11 @@ public:
    /// Whether the guard was installed.
    static bool initialized() noexcept;
 
-   /// Whether guarded accesses install the guard themselves, on their first use; true unless
-   /// changed. With it off, and until somebody calls initialize(), a guarded access behaves like
-   /// a plain one.
+   /// Whether run(), and so every guarded access, installs the guard if it is not installed; true
+   /// unless changed. With it off, and until somebody calls initialize(), a guarded access behaves
+   /// like a plain one.
    static bool autoInstall() noexcept;
    static void autoInstallIs(bool autoInstall) noexcept;
-
-   /// Installs the guard if it is not installed and autoInstall() is on.
-   static void autoInstalled() {
-      if (!initialized() && autoInstall()) [[unlikely]] {
-         initialize();
-      }
-   }
 
    /// What a guarded region does. After a bus error the rest of it is skipped as if by a jump, so
    /// it must own nothing at the access: no objects with destructors, no locks. Nor may it leave

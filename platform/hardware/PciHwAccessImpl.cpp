@@ -108,7 +108,6 @@ void PciHwAccessImpl::write32(std::uint32_t offset, std::uint32_t value) {
 
 std::uint32_t PciHwAccessImpl::guardedRead32(std::uint32_t offset) const {
    Access access{_word(offset), 0};
-   BusErrorGuard::autoInstalled();
    if (!BusErrorGuard::run(_base, _size, load, &access)) {
       throw SigbusException();
    }
@@ -117,7 +116,6 @@ std::uint32_t PciHwAccessImpl::guardedRead32(std::uint32_t offset) const {
 
 void PciHwAccessImpl::guardedWrite32(std::uint32_t offset, std::uint32_t value) {
    Access access{_word(offset), value};
-   BusErrorGuard::autoInstalled();
    if (!BusErrorGuard::run(_base, _size, Hardware::store, &access)) {
       throw SigbusException();
    }

@@ -35,7 +35,7 @@ public:
    /// The file that is mapped.
    const Platform::String& path() const noexcept { return _path; }
 
-   std::uint64_t size() const noexcept override { return _size; }
+   std::uint64_t size() const noexcept final { return _size; }
 
    // The accesses throw std::system_error (generic category): EINVAL "PCI register space {} of {}
    // bytes: offset {:#x} is not aligned to 4 bytes", ENXIO "... has no 32-bit register at offset

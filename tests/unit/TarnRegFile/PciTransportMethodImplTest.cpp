@@ -318,7 +318,7 @@ TEST_F(PciTransport, TheMaskIsTheDifferenceOfTheWidthsModuloThirtyTwo) {
       {32, 32, 0xfedcba98}, {31, 32, 0x7edcba98}, {17, 32, 0x0000ba98}, {8, 32, 0x98},
       {1, 32, 0},           {4, 32, 0x8},         {0, 32, 0xfedcba98}, // 32 modulo 32 is 0
       {16, 16, 0xfedcba98}, {8, 16, 0x00dcba98},  {0, 16, 0x0000ba98},  {0, 0, 0xfedcba98},
-      {33, 64, 0}, {32, 64, 0xfedcba98},
+      {33, 64, 0},          {32, 64, 0xfedcba98},
    };
    for (const auto& wanted : cases) {
       PciTransportMethodImpl transport(_access, "",

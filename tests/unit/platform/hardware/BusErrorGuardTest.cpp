@@ -406,6 +406,8 @@ void initialisesOnce() {
    plainHandlerIs(plainHandler);
    const struct sigaction later = installedAction();
    BusErrorGuard::initialize();
+   Device device;
+   EXPECT_TRUE(guardedRead(device));
    EXPECT_TRUE(sameAction(installedAction(), later)) << "what the program installed later stays";
 }
 
@@ -448,15 +450,15 @@ void autoInstalls() {
    const struct sigaction before = installedAction();
    BusErrorGuard::autoInstallIs(false);
    EXPECT_FALSE(BusErrorGuard::autoInstall());
-   BusErrorGuard::autoInstalled();
+   Device device;
+   EXPECT_TRUE(guardedRead(device));
    EXPECT_FALSE(BusErrorGuard::initialized());
    EXPECT_TRUE(sameAction(installedAction(), before));
    BusErrorGuard::autoInstallIs(true);
    EXPECT_FALSE(BusErrorGuard::initialized()) << "the switch alone installs nothing";
-   BusErrorGuard::autoInstalled();
+   EXPECT_TRUE(guardedRead(device));
    EXPECT_TRUE(BusErrorGuard::initialized());
    BusErrorGuard::autoInstallIs(false);
-   Device device;
    device.present(false);
    EXPECT_FALSE(guardedRead(device)) << "nor does it remove anything";
 }
@@ -467,6 +469,7 @@ TEST(BusErrorGuardDeathTest, InstallsItselfUnlessToldNotTo) {
 
 TEST(BusErrorGuardDeathTest, IsWithoutEffectUntilItIsInstalled) {
    EXPECT_KILLED_BY(SIGBUS, [] {
+      BusErrorGuard::autoInstallIs(false);
       Device device;
       EXPECT_TRUE(guardedWrite(device, 0, 1));
       device.present(false);
