@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <charconv>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <optional>
-#include <regex>
 #include <stdexcept>
 #include <utility>
 
@@ -101,19 +101,48 @@ TransportUrl::Where mockAt(Rest& rest) {
    return MockAt{std::string(rest.place())};
 }
 
-TransportUrl::Where pciAt(Rest& rest) {
-   static const std::regex device(
-      "(([0-9a-fA-F]{4}:)?[0-9a-fA-F]{2}:[0-9a-fA-F]{2}\\.[0-7])(/(resource[0-9]+(_wc)?))?");
-   const std::string text(rest.place());
-   std::smatch parts;
-   if (std::regex_match(text, parts, device)) {
-      return PciAt{fmt::format("{}{}{}/{}", pciDevices, parts[2].matched ? "" : "0000:",
-                               parts[1].str(), parts[4].matched ? parts[4].str() : "resource0")};
+/// Whether `text` is of a form in which h stands for a hexadecimal digit and o for an octal one.
+bool hasForm(std::string_view text, std::string_view form) {
+   return std::equal(text.begin(), text.end(), form.begin(), form.end(), [](char c, char wanted) {
+      switch (wanted) {
+      case 'h':
+         return std::isxdigit(static_cast<unsigned char>(c)) != 0;
+      case 'o':
+         return c >= '0' && c <= '7';
+      default:
+         return c == wanted;
+      }
+   });
+}
+
+/// Whether `text` names a device's file for one of its BARs: "resource0", "resource2_wc".
+bool isResource(std::string_view text) {
+   constexpr std::string_view front = "resource";
+   constexpr std::string_view combining = "_wc";
+   if (text.ends_with(combining)) {
+      text.remove_suffix(combining.size());
    }
-   if (text.find('/') == std::string::npos || text.back() == '/') {
+   return text.size() == front.size() + 1 && text.starts_with(front) && text.back() >= '0' &&
+          text.back() <= '5';
+}
+
+TransportUrl::Where pciAt(Rest& rest) {
+   const std::string_view text = rest.place();
+   const std::size_t slash = text.find('/');
+   const std::string_view device = text.substr(0, slash);
+   const bool isShort = hasForm(device, "hh:hh.o");
+   if (isShort || hasForm(device, "hhhh:hh:hh.o")) {
+      const std::string_view resource =
+         slash == std::string_view::npos ? "resource0" : text.substr(slash + 1);
+      if (!isResource(resource)) {
+         rest.fail(fmt::format("'{}' is none of resource0 to resource5", resource));
+      }
+      return PciAt{fmt::format("{}{}{}/{}", pciDevices, isShort ? "0000:" : "", device, resource)};
+   }
+   if (slash == std::string_view::npos || text.back() == '/') {
       rest.fail("neither a device nor the path of a file");
    }
-   return PciAt{text};
+   return PciAt{std::string(text)};
 }
 
 TransportUrl::Where i2cAt(Rest& rest) {

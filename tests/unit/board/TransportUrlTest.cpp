@@ -94,6 +94,15 @@ TEST(TransportUrl, WhatIsNeitherPciDeviceNorPathIsRefused) {
    }
 }
 
+TEST(TransportUrl, APciDeviceHasSixResources) {
+   for (const char* resource : {"", "resource", "resource6", "resource00", "config", "../x"}) {
+      const std::string text = std::string("pci:03:00.0/") + resource;
+      EXPECT_EQ(reason(text), "transport '" + text + "': '" + resource +
+                                 "' is none of resource0 to resource5; the form is "
+                                 "pci:BUS:DEVICE.FUNCTION[/resourceN] or pci:PATH");
+   }
+}
+
 TEST(TransportUrl, AnI2cDeviceHasPathAddressAndFlavour) {
    const auto plain = at<Board::I2cAt>("i2c:/dev/i2c-3@0x50");
    EXPECT_EQ(plain.path, "/dev/i2c-3");
