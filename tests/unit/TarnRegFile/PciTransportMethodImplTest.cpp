@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -23,6 +22,7 @@
 #include "TarnRegFile/TransportMethod.h"
 #include "tests/support/Failure.h"
 #include "tests/support/FreshProcess.h"
+#include "tests/support/JournalPciAccess.h"
 #include "tests/support/RecordingAsyncHelper.h"
 #include "tests/support/RegisterSpace.h"
 #include "tests/support/TempDir.h"
@@ -33,7 +33,6 @@ namespace {
 using Hardware::BusErrorGuard;
 using Hardware::HwAccess;
 using Hardware::HwAccessImpl;
-using Hardware::PciHwAccessImpl;
 using Hardware::SigbusException;
 using Platform::Trace::CaptureScope;
 using Platform::Trace::CaptureSink;
@@ -48,43 +47,10 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using TestSupport::Failure;
+using TestSupport::JournalPciAccess;
 using TestSupport::RegisterSpace;
 
 constexpr std::uint32_t page = 4096;
-
-/// A handle on a mapped file that journals every access, and then does what the test wants.
-class JournalAccess : public PciHwAccessImpl {
-public:
-   using PciHwAccessImpl::PciHwAccessImpl;
-
-   std::uint32_t read32(std::uint32_t offset) const override {
-      _note(fmt::format("read {:#x}", offset));
-      return PciHwAccessImpl::read32(offset);
-   }
-   void write32(std::uint32_t offset, std::uint32_t value) override {
-      _note(fmt::format("write {:#x} {:#x}", offset, value));
-      PciHwAccessImpl::write32(offset, value);
-   }
-   std::uint32_t guardedRead32(std::uint32_t offset) const override {
-      _note(fmt::format("guarded read {:#x}", offset));
-      return PciHwAccessImpl::guardedRead32(offset);
-   }
-   void guardedWrite32(std::uint32_t offset, std::uint32_t value) override {
-      _note(fmt::format("guarded write {:#x} {:#x}", offset, value));
-      PciHwAccessImpl::guardedWrite32(offset, value);
-   }
-
-   mutable std::vector<std::string> journal;
-   std::function<void()> onAccess;
-
-private:
-   void _note(std::string line) const {
-      journal.push_back(std::move(line));
-      if (onAccess) {
-         onAccess();
-      }
-   }
-};
 
 /// A handle that is no PCI handle.
 class OtherAccess : public HwAccessImpl {
@@ -155,7 +121,7 @@ protected:
    }
 
    RegisterSpace _space{2 * page};
-   Ptr<JournalAccess> _access = Platform::make<JournalAccess>("fpga", _space.path());
+   Ptr<JournalPciAccess> _access = Platform::make<JournalPciAccess>("fpga", _space.path());
 };
 
 using PciTransportDeathTest = PciTransport;
