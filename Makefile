@@ -68,7 +68,7 @@ fuzz: ## Run each fuzzer for SECONDS=60, from its kept inputs
 
 bench: ## Build what is shipped; print each figure beside its baseline and its target
 	cmake --preset release
-	cmake --build --preset release --target bench/all
+	cmake --build --preset release --target bench/all tarnsim
 	scripts/bench-table build/release
 
 format: ## Format all sources
