@@ -1,11 +1,15 @@
-# tarn_add_tests(<target> LIBS <library>... SOURCES <file>... [TIMEOUT <seconds>])
+# tarn_add_tests(<target> LIBS <library>... SOURCES <file>... [TIMEOUT <seconds>] [SINGLE_THREADED])
 #
-# One test program of a room. Each TEST in it becomes a test of ctest.
+# One test program of a room. Each TEST in it becomes a test of ctest. The thread sanitizer has
+# nothing to find in one that is SINGLE_THREADED, and its build goes without.
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
 function(tarn_add_tests target)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "LIBS;SOURCES" ${ARGN})
+  cmake_parse_arguments(ARG "SINGLE_THREADED" "TIMEOUT" "LIBS;SOURCES" ${ARGN})
+  if(ARG_SINGLE_THREADED AND TARN_SANITIZE STREQUAL "thread")
+    return()
+  endif()
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
