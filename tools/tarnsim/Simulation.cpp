@@ -9,11 +9,14 @@
 
 #include "tools/tarnsim/I2cDevice.h"
 #include "tools/tarnsim/I2cNode.h"
+#include "tools/tarnsim/SpiDevice.h"
+#include "tools/tarnsim/SpiNode.h"
 
 namespace TarnSim {
 
 Simulation::Simulation(const Board& board) {
    _addI2c(board);
+   _addSpi(board);
    _addPci(board);
 }
 
@@ -29,6 +32,22 @@ void Simulation::_addI2c(const Board& board) {
       }
       auto device = std::make_unique<I2cDevice>(spec);
       bus->deviceIs(spec.address, device->model());
+      _devices.push_back(std::move(device));
+   }
+}
+
+void Simulation::_addSpi(const Board& board) {
+   std::map<unsigned, std::shared_ptr<BusQueue>> controllers;
+   for (const SpiSpec& spec : board.spi) {
+      auto& controller = controllers[spec.controller];
+      if (!controller) {
+         controller = std::make_shared<BusQueue>();
+         ++_buses;
+      }
+      auto device = std::make_unique<SpiDevice>(spec);
+      auto node = std::make_unique<SpiNode>(*device, controller);
+      _files.push_back({.path = spec.device, .node = node.get()});
+      _nodes.push_back(std::move(node));
       _devices.push_back(std::move(device));
    }
 }

@@ -47,6 +47,7 @@ public:
 
 private:
    void _addI2c(const Board& board);
+   void _addSpi(const Board& board);
    void _addPci(const Board& board);
 
    std::vector<std::unique_ptr<SimulatedDevice>> _devices;

@@ -1,0 +1,151 @@
+#include "tools/tarnsim/BoardParser.h"
+
+#include <fstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/TempDir.h"
+#include "tools/tarnsim/Failure.h"
+
+namespace TarnSim {
+namespace {
+
+std::string failureOf(const std::string& text) {
+   try {
+      boardFromText(text, "b.toml");
+   } catch (const Failure& failure) {
+      EXPECT_EQ(failure.code(), ExitCode::failure);
+      return failure.what();
+   }
+   return "none";
+}
+
+const std::string i2c =
+   "[simulate.i2c.a]\nbus = \"/dev/i2c-3\"\naddress = 0x50\nkind = \"block\"\n";
+const std::string pci = "[simulate.pci.a]\nfunction = \"0000:03:00.0\"\nsize = 64\n";
+
+TEST(BoardParser, ReadsAnI2cDevice) {
+   const Board board = boardFromText(i2c + "address_unit = 4\ndelay_us = 7\npresent = false\n"
+                                           "values = { 0x10 = 0xffffffff, 17 = 2 }\n"
+                                           "faults = [{ kind = \"wrong\", direction = \"read\", "
+                                           "first = 2, count = 3, mask = 1 }]\n",
+                                     "b.toml");
+   ASSERT_EQ(board.i2c.size(), 1u);
+   const I2cSpec& spec = board.i2c[0];
+   EXPECT_EQ(spec.name, "a");
+   EXPECT_EQ(spec.bus, "/dev/i2c-3");
+   EXPECT_EQ(spec.address, 0x50);
+   EXPECT_EQ(spec.kind, Hardware::SimulatedI2cKind::block);
+   EXPECT_EQ(spec.addressUnit, 4u);
+   EXPECT_EQ(spec.delay.count(), 7);
+   EXPECT_FALSE(spec.present);
+   ASSERT_EQ(spec.values.size(), 2u);
+   ASSERT_EQ(spec.faults.size(), 1u);
+   EXPECT_EQ(spec.faults[0].kind, Hardware::FaultKind::wrongBytes);
+   EXPECT_EQ(spec.faults[0].direction, Hardware::FaultDirection::read);
+   EXPECT_EQ(spec.faults[0].first, 2u);
+   EXPECT_EQ(spec.faults[0].count, 3u);
+   EXPECT_EQ(spec.faults[0].xorMask, 1);
+}
+
+TEST(BoardParser, ReadsSpiAndPciDevices) {
+   const Board board = boardFromText(
+      pci + "resource = 2\nvendor = 0x1af4\ndevice = 0x1110\nvalues = { 0x3c = 1 }\n"
+            "[simulate.spi.b]\ndevice = \"/dev/spidev12.3\"\nvalues = { 0xff = 0xffff }\n",
+      "b.toml");
+   ASSERT_EQ(board.pci.size(), 1u);
+   EXPECT_EQ(board.pci[0].function, "0000:03:00.0");
+   EXPECT_EQ(board.pci[0].resource, 2u);
+   EXPECT_EQ(board.pci[0].size, 64u);
+   EXPECT_EQ(board.pci[0].vendor, 0x1af4u);
+   ASSERT_EQ(board.spi.size(), 1u);
+   EXPECT_EQ(board.spi[0].controller, 12u);
+}
+
+TEST(BoardParser, LeavesTheTablesOfOtherProgramsAlone) {
+   EXPECT_EQ(boardFromText("title = 1\n[devices.x]\nlist = 3\n" + i2c, "b.toml").i2c.size(), 1u);
+}
+
+TEST(BoardParser, NamesOfAListStandForAddresses) {
+   const TestSupport::TempDir dir;
+   const std::string list = dir.path("list.csv");
+   std::ofstream(list) << "number,name,type,writeable,width\n2,SCRATCH,scratch,true,32\n";
+   const std::string named = "list = \"list.csv\"\nvalues = { SCRATCH = 5 }\n";
+   const std::string file = dir.path("b.toml");
+   EXPECT_EQ(boardFromText(i2c + named, file).i2c[0].values.at(0).first, 2u);
+   EXPECT_EQ(boardFromText(pci + named, file).pci[0].values.at(0).first, 8u);
+   EXPECT_THROW(boardFromText(i2c + "list = \"list.csv\"\nvalues = { OTHER = 5 }\n", file),
+                Failure);
+   EXPECT_THROW(boardFromText(i2c + "list = \"none.csv\"\n", file), Failure);
+   std::ofstream(list) << "number,name,type,writeable,width\n2,X[3:0],scratch,true,32\n";
+   EXPECT_THROW(boardFromText(i2c + "list = \"list.csv\"\n", file), Failure);
+}
+
+TEST(BoardParser, SaysWhereAMistakeIs) {
+   EXPECT_EQ(failureOf(i2c + "adress = 1\n"), "b.toml:5:1: [simulate.i2c.a] has no key 'adress'");
+   EXPECT_EQ(failureOf("[simulate.i2c.a]\n"), "b.toml:1:1: [simulate.i2c.a] needs the key 'bus'");
+   EXPECT_EQ(failureOf(i2c + "delay_us = \"x\"\n"), "b.toml:5:12: 'delay_us' must be an integer");
+   EXPECT_EQ(failureOf(i2c + "present = 1\n"), "b.toml:5:11: 'present' must be true or false");
+   EXPECT_EQ(failureOf(i2c + "values = { x = 1 }\n"),
+             "b.toml:5:12: 'x' is no register address, and there is no list");
+   EXPECT_EQ(failureOf(i2c + "values = { 0x10000 = 1 }\n"),
+             "b.toml:5:12: there is no register at 0x10000");
+   EXPECT_EQ(failureOf(i2c + "values = { 0x10 = 0x100000000 }\n"),
+             "b.toml:5:19: '0x10' must be from 0x0 to 0xffffffff");
+   EXPECT_EQ(failureOf(i2c + "values = { 0x10 = 1, 16 = 1 }\n").substr(0, 9), "b.toml:5:");
+   EXPECT_EQ(failureOf(pci + "values = { 2 = 1 }\n"), "b.toml:4:12: 0x2 is no multiple of 4");
+   EXPECT_EQ(failureOf("[simulate]\nusb = 1\n"), "b.toml:2:1: [simulate] has no key 'usb'");
+   EXPECT_EQ(failureOf(i2c + "faults = [{ kind = \"rust\" }]\n"),
+             "b.toml:5:20: 'rust' is no kind of fault: nak, eio, timeout, short, wrong");
+   EXPECT_EQ(failureOf(i2c + "faults = [{ kind = \"nak\", mask = 1 }]\n"),
+             "b.toml:5:27: a fault has no key 'mask'");
+}
+
+TEST(BoardParser, RefusesWhatIsNoPlaceForADevice) {
+   for (const char* bus : {"/dev/null", "/dev/i2c-", "/dev/i2c-03", "/dev/i2c-3/..", "i2c-3",
+                           "/dev/i2c-99999999999999999999"}) {
+      const std::string text =
+         "[simulate.i2c.a]\nbus = \"" + std::string(bus) + "\"\naddress = 0x50\nkind = \"block\"\n";
+      EXPECT_EQ(failureOf(text), "b.toml:2:7: 'bus' must be of the form \"/dev/i2c-N\"") << bus;
+   }
+   for (const char* device : {"/dev/spidev0", "/dev/spidev0.", "/dev/spidev0.0x"}) {
+      EXPECT_NE(failureOf("[simulate.spi.a]\ndevice = \"" + std::string(device) + "\"\n"), "none");
+   }
+   for (const char* function : {"03:00.0", "0000:03:00.8", "0000:03:00.0/", "0000:0G:00.0"}) {
+      EXPECT_NE(
+         failureOf("[simulate.pci.a]\nsize = 4\nfunction = \"" + std::string(function) + "\"\n"),
+         "none");
+   }
+}
+
+TEST(BoardParser, RefusesTwoDevicesInOnePlaceOrOfOneName) {
+   const std::string twin =
+      "[simulate.i2c.b]\nbus = \"/dev/i2c-3\"\naddress = 0x50\nkind = \"word\"\n";
+   EXPECT_EQ(failureOf(i2c + twin), "b.toml:7:11: 'a' is at 0x50 of /dev/i2c-3 already");
+   EXPECT_EQ(failureOf(i2c + pci), "b.toml:5:15: there are two devices named 'a'");
+}
+
+TEST(BoardParser, RefusesAFileWithNothingToSimulate) {
+   EXPECT_EQ(failureOf(""), "b.toml:1:1: there is no [simulate] table: nothing to simulate");
+   EXPECT_EQ(failureOf("[simulate]\n"), "b.toml:1:1: there is no device to simulate");
+   EXPECT_EQ(failureOf("simulate = 3\n"), "b.toml:1:12: 'simulate' must be a table");
+}
+
+TEST(BoardParser, HostileTextIsAnErrorAndNoMore) {
+   EXPECT_NE(failureOf(std::string(100000, '[')), "none");
+   EXPECT_NE(failureOf("a = " + std::string(100000, '[')), "none");
+   EXPECT_NE(failureOf(std::string("\0\xff\xfe", 3)), "none");
+   EXPECT_NE(failureOf("[simulate.i2c.\"\\u001b[31m\"]\n").find("?[31m"), std::string::npos);
+   for (std::size_t cut = 0; cut < i2c.size(); ++cut) {
+      failureOf(i2c.substr(0, cut));
+   }
+}
+
+TEST(BoardParser, AFileMustBeARegularOne) {
+   EXPECT_THROW(boardFromFile("/dev/zero"), Failure);
+   EXPECT_THROW(boardFromFile("/nonexistent/board.toml"), Failure);
+}
+
+} // namespace
+} // namespace TarnSim

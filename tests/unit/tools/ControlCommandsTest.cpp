@@ -1,0 +1,71 @@
+#include "tools/tarnsim/ControlCommands.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tools/tarnsim/BoardParser.h"
+
+namespace TarnSim {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class ControlCommandsTest : public testing::Test {
+protected:
+   ControlCommands::Answer run(std::string_view line) { return commands.run(line); }
+
+   Simulation simulation{
+      boardFromText("[simulate.i2c.a]\nbus = \"/dev/i2c-3\"\naddress = 0x50\nkind = \"word\"\n"
+                    "[simulate.spi.s]\ndevice = \"/dev/spidev0.0\"\n",
+                    "b.toml")};
+   ControlCommands commands{simulation};
+};
+
+TEST_F(ControlCommandsTest, SetsAndGetsRegisters) {
+   EXPECT_TRUE(run("set a 0x20 1234").ok);
+   EXPECT_EQ(run("  get\ta 32 \r").lines, Lines{"0x4d2"});
+   EXPECT_TRUE(run("set s 1 0xffff").ok);
+   EXPECT_EQ(run("get s 1").lines, Lines{"0xffff"});
+   EXPECT_TRUE(run("journal s").lines.empty());
+}
+
+TEST_F(ControlCommandsTest, AddsListsAndClearsFaults) {
+   EXPECT_TRUE(run("fault a short direction=read first=2 count=3 length=1").ok);
+   EXPECT_TRUE(run("fault a wrong mask=0x0f").ok);
+   EXPECT_EQ(run("faults a").lines, (Lines{"short direction=read first=2 count=3 length=1",
+                                           "wrong direction=any first=1 count=0 mask=0xf"}));
+   EXPECT_TRUE(run("clear a").ok);
+   EXPECT_TRUE(run("faults a").lines.empty());
+}
+
+TEST_F(ControlCommandsTest, ThereAreOnlySoManyFaults) {
+   for (int i = 0; i < 1000; ++i) {
+      ASSERT_TRUE(run("fault a nak").ok);
+   }
+   EXPECT_FALSE(run("fault a nak").ok);
+}
+
+TEST_F(ControlCommandsTest, LosesAndReturnsDevices) {
+   EXPECT_TRUE(run("lose a").ok);
+   EXPECT_EQ(run("devices").lines.at(0), "a: i2c /dev/i2c-3 0x50 word, lost");
+   EXPECT_TRUE(run("return a").ok);
+   EXPECT_EQ(run("devices").lines.at(0), "a: i2c /dev/i2c-3 0x50 word");
+}
+
+TEST_F(ControlCommandsTest, WhateverALineHoldsTheAnswerIsOnePrintableLine) {
+   for (const std::string& line :
+        {std::string(), std::string("\0\0", 2), std::string("\x1b[2J"), std::string(5000, 'x'),
+         std::string("get a ") + std::string(5000, '9'), std::string("get a -1"),
+         std::string("fault a nak first=0"), std::string("fault a nak first"),
+         std::string("set a 0 99999999999999999999"), std::string("delay a 99999999999")}) {
+      const auto answer = run(line);
+      EXPECT_FALSE(answer.ok) << line.substr(0, 20);
+      ASSERT_EQ(answer.lines.size(), 1u);
+      EXPECT_LT(answer.lines[0].size(), 200u);
+      EXPECT_EQ(answer.lines[0].find_first_of("\x1b\n"), std::string::npos);
+   }
+}
+
+} // namespace
+} // namespace TarnSim
