@@ -1,5 +1,7 @@
 #include "tools/tarnreg/CommandLine.h"
 
+#include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -17,6 +19,7 @@
 #include "tools/tarnreg/Failure.h"
 #include "tools/tarnreg/Options.h"
 #include "tools/tarnreg/Printable.h"
+#include "tools/tarnreg/SavedDump.h"
 #include "tools/tarnreg/ValuesFile.h"
 #include "tools/tarnreg/Verbs.h"
 
@@ -32,6 +35,15 @@ struct Arguments {
    std::vector<std::string> assignments;
    WriteOptions write;
    bool dumpAll = false;
+   bool diffAll = false;
+   double watchInterval = 1;
+   std::uint64_t watchCount = 0;
+   std::vector<std::string> conditions;
+   double pollInterval = 0.1;
+   double timeout = 10;
+   std::string otherDevice;
+   std::string otherTransport;
+   std::string dumpFile;
    std::string checkFile;
    ProblemSeverity failOn = ProblemSeverity::error;
    std::string type;
@@ -96,6 +108,11 @@ std::string usageText(const CLI::App& app, const CLI::Error& error) {
    return text;
 }
 
+std::chrono::steady_clock::duration seconds(double number) {
+   return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+      std::chrono::duration<double>(number));
+}
+
 class Command {
 public:
    Command();
@@ -108,6 +125,8 @@ private:
                    std::function<void(Report&)> action);
    static CLI::Option* _words(CLI::App& verb, const char* name, std::vector<std::string>& words,
                               const char* help);
+   void _diff(Report& report);
+   static void _seconds(CLI::App& verb, const char* name, double& value, const char* help);
    void _installTrace();
    Device& _device();
    Console& _talk();
@@ -208,6 +227,19 @@ CLI::Option* Command::_words(CLI::App& verb, const char* name, std::vector<std::
    return verb.add_option(name, words, help)->transform(unguarded());
 }
 
+void Command::_seconds(CLI::App& verb, const char* name, double& value, const char* help) {
+   // As much as a year: beyond that the clock's arithmetic ends.
+   verb.add_option(name, value, help)
+      ->option_text("SECONDS")
+      ->check(CLI::Range(0.0, 31536000.0))
+      ->check(CLI::Validator(
+         [](std::string& word) {
+            return word.find_first_of("nN") == std::string::npos ? std::string()
+                                                                 : std::string("is no number");
+         },
+         ""));
+}
+
 void Command::_verbs() {
    const char* patternHelp =
       "Names, with * and ? for any characters and [0:3] for a range of an array";
@@ -243,6 +275,53 @@ void Command::_verbs() {
    _words(*dump, "PATTERN", _arguments.patterns, patternHelp);
    dump->add_flag("--all", _arguments.dumpAll, "Configuration registers (type cfg) too");
 
+   CLI::App* watch =
+      _verb("watch", "registers", "Read registers again and again and print those that change",
+            [this](Report& report) {
+               watchRegisters(_device(), _arguments.patterns,
+                              {seconds(_arguments.watchInterval), _arguments.watchCount},
+                              Pace::real(), report);
+            });
+   _words(*watch, "PATTERN", _arguments.patterns, patternHelp);
+   _seconds(*watch, "--interval", _arguments.watchInterval, "Seconds between two rounds");
+   watch->add_option("--count", _arguments.watchCount, "Rounds; without it until interrupted")
+      ->option_text("N")
+      ->check(CLI::PositiveNumber);
+
+   CLI::App* poll =
+      _verb("poll", "registers", "Read registers until they hold what is waited for",
+            [this](Report& report) {
+               pollRegisters(_device(), _arguments.conditions,
+                             {seconds(_arguments.pollInterval), seconds(_arguments.timeout)},
+                             Pace::real(), report);
+            });
+   _words(*poll, "--until", _arguments.conditions,
+          "NAME=VALUE or NAME&MASK=VALUE; of several, all must hold at a time")
+      ->required()
+      ->option_text("CONDITION...");
+   _seconds(*poll, "--interval", _arguments.pollInterval, "Seconds between two reads");
+   _seconds(*poll, "--timeout", _arguments.timeout, "Seconds until it is given up, exit code 6");
+
+   CLI::App* diff =
+      _verb("diff", "registers", "Compare registers with those of another device or a saved dump",
+            [this](Report& report) { _diff(report); });
+   _words(*diff, "PATTERN", _arguments.patterns, patternHelp);
+   CLI::Option_group* other = diff->add_option_group("With", "What to compare with");
+   other->add_option("--with-device", _arguments.otherDevice, "A device of the board file")
+      ->option_text("NAME");
+   other
+      ->add_option("--with-transport", _arguments.otherTransport,
+                   "A device of the same register list, reached so")
+      ->option_text("URL")
+      ->transform(unguarded());
+   other
+      ->add_option("--with-dump", _arguments.dumpFile,
+                   "What dump printed, be it lines or JSON; without a pattern all that it has")
+      ->option_text("FILE")
+      ->transform(unguarded());
+   other->require_option(1);
+   diff->add_flag("--all", _arguments.diffAll, "Configuration registers (type cfg) too");
+
    CLI::App* check =
       _verb("check", "problems", "Report every problem of a register list",
             [this](Report& report) { checkFile(_arguments.checkFile, _arguments.failOn, report); });
@@ -270,6 +349,31 @@ void Command::_verbs() {
       ->required()
       ->transform(unguarded());
    _words(*call, "ARGUMENT", _arguments.operands, "The operation's arguments, in order");
+}
+
+void Command::_diff(Report& report) {
+   if (!_arguments.dumpFile.empty()) {
+      const SavedDump dump(_arguments.dumpFile);
+      diffDump(_device(), dump, _arguments.patterns, report);
+      return;
+   }
+   DevicePlace place = devicePlace(_options);
+   if (_arguments.otherDevice.empty()) {
+      Options options = _options;
+      options.device.clear();
+      options.file = place.list;
+      options.transport = _arguments.otherTransport;
+      place = devicePlace(options);
+   } else {
+      Options options = _options;
+      options.file.clear();
+      options.transport.clear();
+      options.device = _arguments.otherDevice;
+      place = devicePlace(options);
+   }
+   checkValuesFile(place.url.valuesFile(), false);
+   Device other(place.list, place.url, _failures);
+   diffDevices(_device(), other, _arguments.patterns, _arguments.diffAll, report);
 }
 
 void Command::_installTrace() {
@@ -311,6 +415,9 @@ ExitCode Command::run(int argc, char** argv) {
    _installTrace();
    _console = std::make_unique<Console>(std::cin, std::cout, std::cerr,
                                         Console::colorWanted(_options.color));
+   if (Console::progressWanted(_options.json)) {
+      _console->progressAfterIs(std::chrono::milliseconds(500));
+   }
    return _runVerb();
 }
 

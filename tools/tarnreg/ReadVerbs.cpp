@@ -2,9 +2,8 @@
 
 #include <fmt/format.h>
 
-#include "tools/tarnreg/Failure.h"
-#include "tools/tarnreg/NamePattern.h"
 #include "tools/tarnreg/Printable.h"
+#include "tools/tarnreg/Selection.h"
 #include "tools/tarnreg/Verbs.h"
 
 namespace TarnReg {
@@ -13,28 +12,11 @@ using TarnRegFile::HardwareRegister;
 
 namespace {
 
-using Selection = std::vector<const HardwareRegister*>;
-
-/// The registers of all patterns, in their order; a pattern without any is reported.
-Selection selectAll(Device& device, const std::vector<std::string>& patterns, Report& report) {
-   if (patterns.empty()) {
-      return device.registers();
-   }
-   Selection selected;
-   for (const std::string& pattern : patterns) {
-      try {
-         const Selection matched = selectRegisters(device, pattern);
-         selected.insert(selected.end(), matched.begin(), matched.end());
-      } catch (const Failure& failure) {
-         report.failure(failure.code(), failure.what(), pattern);
-      }
-   }
-   return selected;
-}
-
 void readSelection(Device& device, const Selection& selection, Report& report) {
    report.nameWidthIs(nameColumnWidth(selection));
+   std::size_t done = 0;
    for (const HardwareRegister* record : selection) {
+      report.progress(done++, selection.size());
       try {
          report.value(*record, device.read(record->name));
       } catch (const AccessError& error) {

@@ -83,6 +83,23 @@ void Report::value(const TarnRegFile::HardwareRegister& record, std::uint32_t va
    }
 }
 
+void Report::difference(const TarnRegFile::HardwareRegister& record, std::uint32_t value,
+                        std::uint32_t other) {
+   nlohmann::ordered_json element;
+   if (_json) {
+      element = registerJson(record);
+      element["value"] = value;
+      element["other"] = other;
+   }
+   row(fmt::format("{:<{}}  {}  {}", shownName(record.name), _nameWidth,
+                   formatNumber(value, record.width, _base),
+                   formatNumber(other, record.width, _base)),
+       std::move(element));
+   if (!_json) {
+      _console.data().flush();
+   }
+}
+
 void Report::property(const std::string& key, nlohmann::ordered_json value) {
    _document[key] = std::move(value);
 }
@@ -111,6 +128,7 @@ void Report::failure(ExitCode code, const std::string& text, const std::string& 
 }
 
 ExitCode Report::finish() {
+   _console.progressDone();
    if (_json) {
       _document["errors"] = std::move(_errors);
       _document["exitCode"] = static_cast<int>(_exit);

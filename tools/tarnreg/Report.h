@@ -27,6 +27,14 @@ public:
    /// where.
    void value(const TarnRegFile::HardwareRegister& record, std::uint32_t value);
 
+   /// A register of which two values differ: "NAME  0x2a  0x2b". In the document the second one is
+   /// `other`.
+   void difference(const TarnRegFile::HardwareRegister& record, std::uint32_t value,
+                   std::uint32_t other);
+
+   /// How far the verb has come; shown to a person who waits (see Console::progress()).
+   void progress(std::size_t done, std::size_t total) { _console.progress(done, total); }
+
    /// One line of data, or one element of the document's array of results.
    void row(const std::string& line, nlohmann::ordered_json element);
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -8,6 +10,7 @@
 #include "TarnRegFile/RegisterFileChecker.h"
 #include "tools/tarnreg/Console.h"
 #include "tools/tarnreg/Device.h"
+#include "tools/tarnreg/Pace.h"
 #include "tools/tarnreg/Report.h"
 
 /// What the command does, verb by verb. Each works on an opened device and says everything through
@@ -41,6 +44,43 @@ struct WriteOptions {
 /// written.
 void writeRegisters(Device& device, const std::vector<std::string>& assignments,
                     const WriteOptions& options, Console& console, Report& report);
+
+/// How watchRegisters() goes about it.
+struct WatchOptions {
+   std::chrono::steady_clock::duration interval = std::chrono::seconds(1); ///< between two rounds
+   std::uint64_t count = 0; ///< rounds; 0 goes on until the process is interrupted
+};
+
+/// Reads the registers that match `patterns`, all of them without patterns, again and again, and
+/// prints those whose value is another one than in the round before; in the first round, all. A
+/// failure is reported when it begins, and does not end the watch.
+void watchRegisters(Device& device, const std::vector<std::string>& patterns,
+                    const WatchOptions& options, const Pace& pace, Report& report);
+
+/// How pollRegisters() goes about it.
+struct PollOptions {
+   std::chrono::steady_clock::duration interval = std::chrono::milliseconds(100);
+   std::chrono::steady_clock::duration timeout = std::chrono::seconds(10);
+};
+
+/// Reads registers until every condition, "NAME=VALUE" or "NAME&MASK=VALUE", holds in one round,
+/// and prints them; a pattern for a name means each register that it matches. Reads that fail are
+/// tried again like values that do not fit. Throws Failure (timeout) when the time is over; there
+/// is a last look then, and always a first one.
+void pollRegisters(Device& device, const std::vector<std::string>& conditions,
+                   const PollOptions& options, const Pace& pace, Report& report);
+
+class SavedDump;
+
+/// Compares the registers that match `patterns`, all of them without patterns but for those of
+/// type "cfg" unless `all` is set, by name with those of `other`. Prints those that differ, and
+/// fails when any does.
+void diffDevices(Device& device, Device& other, const std::vector<std::string>& patterns, bool all,
+                 Report& report);
+
+/// Compares registers with a saved dump: those that match `patterns`, or all that the dump has.
+void diffDump(Device& device, const SavedDump& dump, const std::vector<std::string>& patterns,
+              Report& report);
 
 /// Reports the problems of a register list, and fails when one is at least `failOn`.
 void checkFile(const std::string& file, TarnRegFile::ProblemSeverity failOn, Report& report);

@@ -720,5 +720,104 @@ class Tracing(TarnregTest):
         self.assertEqual(result.err, "")
 
 
+class LookingAgain(TarnregTest):
+    """watch, poll and diff, on a mapped file that somebody else changes."""
+
+    def setUp(self):
+        super().setUp()
+        self.bar = self.path("bar")
+        with open(self.bar, "wb") as stream:
+            stream.write(bytes(4096))
+        self.where = ("--file", BOARD, "--transport", f"pci:{self.bar}")
+
+    def scratch_is(self, value):
+        with open(self.bar, "r+b") as stream:
+            stream.seek(16)
+            stream.write(value.to_bytes(4, "little"))
+
+    def start(self, *arguments):
+        process = subprocess.Popen(
+            [TARNREG, *self.where, *arguments],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            env=environment(),
+            text=True,
+        )
+        self.addCleanup(process.communicate)
+        self.addCleanup(process.kill)
+        return process
+
+    def test_watch_shows_each_change_until_it_is_interrupted(self):
+        process = self.start("watch", "SCRATCH", "--interval", "0.005")
+        self.assertEqual(process.stdout.readline(), "SCRATCH  0x00000000\n")
+        for value in (1, 0xFFFFFFFF):
+            self.scratch_is(value)
+            self.assertEqual(process.stdout.readline(), f"SCRATCH  0x{value:08x}\n")
+        process.send_signal(signal.SIGINT)
+        out, err = process.communicate(timeout=TIMEOUT)
+        self.assertEqual((process.returncode, out, err), (-signal.SIGINT, "", ""))
+
+    def test_watch_ends_after_its_rounds(self):
+        result = run(*self.where, "watch", "SCRATCH", "--count", "3", "--interval", "0")
+        self.assert_run(result, 0, "SCRATCH  0x00000000\n", "")
+
+    def test_poll_waits_for_a_value(self):
+        process = self.start("poll", "--until", "SCRATCH&0xf=3", "--timeout", str(TIMEOUT))
+        self.scratch_is(0x53)
+        out, err = process.communicate(timeout=TIMEOUT)
+        self.assertEqual((process.returncode, out, err), (0, "SCRATCH  0x00000053\n", ""))
+
+    def test_poll_gives_up(self):
+        result = run(*self.where, "--json", "poll", "--until", "SCRATCH=3", "--timeout", "0.01")
+        self.assertEqual(result.code, 6)
+        self.assertEqual(result.document["errors"][0]["code"], "timeout")
+        self.assertEqual(result.document["registers"], [])
+
+    def test_diff_with_a_saved_dump_in_both_forms(self):
+        for form in ((), ("--json",), ("--base", "bin")):
+            self.scratch_is(1)
+            dump = self.write("dump", run(*self.where, *form, "dump").out)
+            self.assert_run(run(*self.where, "diff", "--with-dump", dump), 0, "", "")
+            self.scratch_is(2)
+            result = run(*self.where, "diff", "--with-dump", dump)
+            self.assertEqual(result.code, 1)
+            self.assertEqual(result.out.split(), ["SCRATCH", "0x00000002", "0x00000001"])
+            self.assertRegex(result.err, r"^tarnreg: error: 1 of \d+ registers differ\n$")
+
+    def test_diff_with_another_device(self):
+        other = self.write("other", bytes(4096))
+        self.scratch_is(7)
+        self.assert_run(
+            run(*self.where, "diff", "SCRATCH", "--with-transport", f"pci:{other}"),
+            1,
+            "SCRATCH  0x00000007  0x00000000\n",
+            "tarnreg: error: 1 of 1 registers differ\n",
+        )
+        board = self.write(
+            "board.toml",
+            "".join(
+                f'[devices.{name}]\nlist = "{BOARD}"\ntransport = "pci:{bar}"\n'
+                for name, bar in (("a", self.bar), ("b", other))
+            ),
+        )
+        result = run("-b", board, "-d", "a", "diff", "SCRATCH", "--with-device", "b")
+        self.assert_run(result, 1, "SCRATCH  0x00000007  0x00000000\n")
+        self.assertEqual(run("-b", board, "-d", "a", "diff", "--with-device", "c").code, 3)
+
+    def test_bad_command_lines(self):
+        for arguments in (
+            ("diff",),
+            ("diff", "--with-dump", "a", "--with-device", "b"),
+            ("poll",),
+            ("poll", "--until", "SCRATCH"),
+            ("poll", "--until", "SCRATCH=1", "--timeout", "-1"),
+            ("poll", "--until", "SCRATCH=1", "--timeout", "nan"),
+            ("watch", "--interval", "inf"),
+            ("watch", "--count", "0"),
+            ("--json", "watch"),
+        ):
+            self.assertEqual(run(*self.where, *arguments).code, 2, arguments)
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -1,5 +1,8 @@
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <sstream>
 
 #include "tests/support/EnvironmentVariable.h"
@@ -72,6 +75,42 @@ TEST(Console, SaysThatDataCouldNotBeWritten) {
    out.setstate(std::ios::badbit);
    EXPECT_FALSE(console.finish());
    EXPECT_EQ(err.str(), "tarnreg: error: cannot write the output\n");
+}
+
+TEST(Console, ProgressIsOffUnlessSwitchedOn) {
+   std::istringstream in;
+   std::ostringstream out;
+   std::ostringstream err;
+   Console console(in, out, err, false);
+   console.progress(1, 2);
+   console.progressDone();
+   EXPECT_EQ(err.str(), "");
+   EXPECT_FALSE(Console::progressWanted(true) && ::isatty(STDERR_FILENO) == 0);
+}
+
+TEST(Console, ProgressWaitsUntilItIsWorthIt) {
+   std::istringstream in;
+   std::ostringstream out;
+   std::ostringstream err;
+   Console console(in, out, err, false);
+   console.progressAfterIs(std::chrono::hours(1));
+   console.progress(1, 2);
+   EXPECT_EQ(err.str(), "");
+}
+
+TEST(Console, ProgressIsOneLineThatTheNextMessageReplaces) {
+   std::istringstream in;
+   std::ostringstream out;
+   std::ostringstream err;
+   Console console(in, out, err, false);
+   console.progressAfterIs(std::chrono::seconds(0));
+   console.progress(1, 20);
+   EXPECT_EQ(err.str(), "\r\033[K1 of 20");
+   console.error("bad");
+   EXPECT_EQ(err.str(), "\r\033[K1 of 20\r\033[Ktarnreg: error: bad\n");
+   console.progressDone();
+   EXPECT_EQ(err.str(), "\r\033[K1 of 20\r\033[Ktarnreg: error: bad\n") << "gone already";
+   EXPECT_EQ(out.str(), "");
 }
 
 } // namespace

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+
+namespace TarnReg {
+
+/// How a verb that looks at a device again and again tells the time and waits. Tests have a clock
+/// of their own.
+struct Pace {
+   using Clock = std::chrono::steady_clock;
+
+   std::function<Clock::time_point()> now;
+   std::function<void(Clock::duration)> wait;
+
+   /// The real thing.
+   static Pace real();
+};
+
+} // namespace TarnReg
