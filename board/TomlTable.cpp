@@ -1,8 +1,8 @@
 #include "board/TomlTable.h"
 
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -19,6 +19,11 @@ constexpr std::size_t maxFileSize = std::size_t{4} << 20;
 } // namespace
 
 toml::table tomlFromFile(const std::string& path) {
+   std::error_code ignored;
+   // A device or a pipe might never end.
+   if (std::filesystem::exists(path, ignored) && !std::filesystem::is_regular_file(path, ignored)) {
+      throw FileError(fmt::format("{}: not a regular file", path));
+   }
    errno = 0;
    std::ifstream stream(path, std::ios::binary);
    std::string text(maxFileSize + 1, '\0');

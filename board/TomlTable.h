@@ -9,8 +9,8 @@
 
 namespace Board {
 
-/// Reads and parses a board file. Throws FileError when it cannot be read, is larger than 4 MiB,
-/// or is no TOML.
+/// Reads and parses a board file. Throws FileError when it is no regular file, cannot be read, is
+/// larger than 4 MiB, or is no TOML.
 toml::table tomlFromFile(const std::string& path);
 
 /// The same for the text of a file; `path` names it in messages.

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <charconv>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -13,6 +12,7 @@
 
 #include <fmt/format.h>
 
+#include "board/Number.h"
 #include "platform/hardware/PciHwAccessImpl.h"
 #include "platform/hardware/SpiHwAccess.h"
 #include "TarnRegFile/I2cTransportDescriptor.h"
@@ -27,18 +27,6 @@ constexpr const char* valuesFileVariable = "REG_VALUES_FILE";
 constexpr const char* pciDevices = "/sys/bus/pci/devices/";
 constexpr std::uint32_t maxI2cAddress = 0x7f;
 constexpr std::uint32_t maxSpiMode = 3;
-
-/// The whole of `text` as a number, decimal or 0x hexadecimal.
-std::optional<std::uint32_t> numberOf(std::string_view text) {
-   const bool hex = text.starts_with("0x") || text.starts_with("0X");
-   if (hex) {
-      text.remove_prefix(2);
-   }
-   std::uint32_t number = 0;
-   const char* const end = text.data() + text.size();
-   const auto result = std::from_chars(text.data(), end, number, hex ? 16 : 10);
-   return result.ec == std::errc() && result.ptr == end ? std::optional(number) : std::nullopt;
-}
 
 /// What stands behind the scheme, taken apart piece by piece.
 class Rest {
@@ -81,11 +69,11 @@ public:
       if (option == _options.end()) {
          return std::nullopt;
       }
-      const std::optional<std::uint32_t> number = numberOf(option->second);
+      const std::optional<std::uint64_t> number = numberFrom(option->second);
       if (!number || *number < least || *number > most) {
          fail(fmt::format("{} '{}' is no number from {} to {}", name, option->second, least, most));
       }
-      return number;
+      return static_cast<std::uint32_t>(*number);
    }
 
    std::string_view place() const noexcept { return _place; }
@@ -153,7 +141,7 @@ TransportUrl::Where i2cAt(Rest& rest) {
       rest.fail(at == 0 ? "no path" : "no address");
    }
    const std::string_view address = place.substr(at + 1);
-   const std::optional<std::uint32_t> number = numberOf(address);
+   const std::optional<std::uint64_t> number = numberFrom(address);
    if (!number || *number > maxI2cAddress) {
       rest.fail(fmt::format("address '{}' is no number from 0 to {:#x}", address, maxI2cAddress));
    }

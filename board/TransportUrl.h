@@ -44,7 +44,7 @@ struct SpiAt {
 ///     i2c:PATH@ADDRESS[?flavour=1|2]     flavour 1 unless told otherwise
 ///     spi:PATH[?speed=HZ&mode=0..3]      clock limit and mode as the system has them unless told
 ///
-/// Numbers are decimal or, with 0x, hexadecimal. A plain value.
+/// Numbers are decimal, 0x hexadecimal or 0b binary. A plain value.
 class TransportUrl {
 public:
    using Where = std::variant<MockAt, PciAt, I2cAt, SpiAt>;

@@ -1,140 +1,38 @@
 #include "tools/tarnsim/BoardParser.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 #include <map>
 #include <optional>
 #include <set>
-#include <sstream>
 #include <tuple>
 #include <utility>
 
 #include <fmt/format.h>
-#include <toml++/toml.h>
 
+#include "board/FileError.h"
+#include "board/Number.h"
+#include "board/TomlTable.h"
 #include "TarnRegFile/RegisterFileChecker.h"
 #include "TarnRegFile/RegisterFileHelper.h"
 #include "tools/tarnsim/Failure.h"
-#include "tools/tarnsim/Number.h"
-#include "tools/tarnsim/SystemError.h"
 
 namespace TarnSim {
 
 namespace {
 
-constexpr std::size_t maxFileSize = std::size_t{4} << 20;
+using ::Board::shown;
+using ::Board::TomlTable;
+
 constexpr std::uint64_t maxPciSize = std::uint64_t{1} << 30;
 constexpr std::int64_t maxDelay = 3'600'000'000; // an hour, in microseconds
 constexpr std::size_t maxDevices = 1024;
 
-/// Text of the file as a message may show it: not too long, nothing unprintable.
-std::string shown(std::string_view text) {
-   constexpr std::size_t most = 60;
-   std::string shown;
-   for (const char c : text.substr(0, most)) {
-      shown += c >= ' ' && c <= '~' ? c : '?';
-   }
-   return text.size() > most ? shown + "..." : shown;
-}
-
 std::string joined(std::initializer_list<std::string_view> names) {
    return fmt::format("{}", fmt::join(names, ", "));
 }
-
-/// One table of the file: its keys are taken one by one, and what nobody took is an error.
-class Reader {
-public:
-   Reader(const std::string& file, const toml::table& table, std::string title)
-      : _file(file), _table(table), _title(std::move(title)) {}
-
-   [[noreturn]] void fail(const toml::source_region& where, const std::string& text) const {
-      throw Failure(fmt::format("{}:{}:{}: {}", _file, where.begin.line, where.begin.column, text));
-   }
-   [[noreturn]] void fail(const std::string& text) const { fail(_table.source(), text); }
-   [[noreturn]] void failAt(std::string_view key, const std::string& text) const {
-      const toml::node* node = _table.get(key);
-      fail(node ? node->source() : _table.source(), text);
-   }
-
-   const std::string& title() const { return _title; }
-   const toml::table& table() const { return _table; }
-
-   const toml::node* take(std::string_view key) {
-      _taken.emplace(key);
-      return _table.get(key);
-   }
-
-   const toml::node& need(std::string_view key) {
-      const toml::node* node = take(key);
-      if (!node) {
-         fail(fmt::format("{} needs the key '{}'", _title, key));
-      }
-      return *node;
-   }
-
-   std::uint64_t number(const toml::node& node, std::string_view key, std::uint64_t least,
-                        std::uint64_t most) const {
-      const auto* integer = node.as_integer();
-      if (!integer) {
-         fail(node.source(), fmt::format("'{}' must be an integer", shown(key)));
-      }
-      const std::int64_t value = integer->get();
-      if (value < 0 || static_cast<std::uint64_t>(value) < least ||
-          static_cast<std::uint64_t>(value) > most) {
-         fail(node.source(),
-              fmt::format("'{}' must be from {:#x} to {:#x}", shown(key), least, most));
-      }
-      return static_cast<std::uint64_t>(value);
-   }
-
-   std::uint64_t number(std::string_view key, std::uint64_t least, std::uint64_t most,
-                        std::uint64_t otherwise) {
-      const toml::node* node = take(key);
-      return node ? number(*node, key, least, most) : otherwise;
-   }
-
-   std::uint64_t neededNumber(std::string_view key, std::uint64_t least, std::uint64_t most) {
-      return number(need(key), key, least, most);
-   }
-
-   std::string text(const toml::node& node, std::string_view key) const {
-      const auto* string = node.as_string();
-      if (!string) {
-         fail(node.source(), fmt::format("'{}' must be a string", key));
-      }
-      return string->get();
-   }
-
-   bool flag(std::string_view key, bool otherwise) {
-      const toml::node* node = take(key);
-      if (!node) {
-         return otherwise;
-      }
-      const auto* boolean = node->as_boolean();
-      if (!boolean) {
-         fail(node->source(), fmt::format("'{}' must be true or false", key));
-      }
-      return boolean->get();
-   }
-
-   void finish() const {
-      for (const auto& [key, node] : _table) {
-         if (!_taken.contains(key.str())) {
-            fail(key.source(), fmt::format("{} has no key '{}'", _title, shown(key.str())));
-         }
-      }
-   }
-
-private:
-   const std::string& _file;
-   const toml::table& _table;
-   const std::string _title;
-   std::set<std::string, std::less<>> _taken;
-};
 
 /// The decimal number at the front of `text`, without needless zeros, which is taken off it.
 std::optional<unsigned> takeDecimal(std::string_view& text) {
@@ -142,7 +40,7 @@ std::optional<unsigned> takeDecimal(std::string_view& text) {
    if (digits == 0 || digits > 6 || (digits > 1 && text[0] == '0')) {
       return std::nullopt;
    }
-   const auto number = numberFrom(text.substr(0, digits));
+   const auto number = ::Board::numberFrom(text.substr(0, digits));
    text.remove_prefix(digits);
    return static_cast<unsigned>(*number);
 }
@@ -192,21 +90,20 @@ class Parser {
 public:
    explicit Parser(const std::string& path) : _file(path) {}
 
-   Board parse(std::string_view text) {
-      const toml::table root = _tomlOf(text);
+   Board parse(const toml::table& root) {
       const toml::node* simulate = root.get("simulate");
       if (!simulate) {
-         throw Failure(
+         throw ::Board::FileError(
             fmt::format("{}:1:1: there is no [simulate] table: nothing to simulate", _file));
       }
-      const Reader file(_file, root, "the file");
+      const TomlTable file(_file, root, "the file");
       if (!simulate->is_table()) {
          file.fail(simulate->source(), "'simulate' must be a table");
       }
-      Reader reader(_file, *simulate->as_table(), "[simulate]");
-      _devices(reader, "i2c", [&](Reader& device) { _i2c(device); });
-      _devices(reader, "spi", [&](Reader& device) { _spi(device); });
-      _devices(reader, "pci", [&](Reader& device) { _pci(device); });
+      TomlTable reader(_file, *simulate->as_table(), "[simulate]");
+      _devices(reader, "i2c", [&](TomlTable& device) { _i2c(device); });
+      _devices(reader, "spi", [&](TomlTable& device) { _spi(device); });
+      _devices(reader, "pci", [&](TomlTable& device) { _pci(device); });
       reader.finish();
       if (_names.empty()) {
          reader.fail("there is no device to simulate");
@@ -215,18 +112,8 @@ public:
    }
 
 private:
-   toml::table _tomlOf(std::string_view text) const {
-      try {
-         return toml::parse(text, _file);
-      } catch (const toml::parse_error& error) {
-         const auto where = error.source().begin;
-         throw Failure(fmt::format("{}:{}:{}: {}", _file, where.line, where.column,
-                                   shown(error.description())));
-      }
-   }
-
    template <typename Take>
-   void _devices(Reader& reader, std::string_view bus, const Take& take) {
+   void _devices(TomlTable& reader, std::string_view bus, const Take& take) {
       const toml::node* node = reader.take(bus);
       if (!node) {
          return;
@@ -252,7 +139,8 @@ private:
             reader.fail(key.source(), fmt::format("more than {} devices", maxDevices));
          }
          _name = name;
-         Reader one(_file, *device.as_table(), fmt::format("[simulate.{}.{}]", bus, shown(name)));
+         TomlTable one(_file, *device.as_table(),
+                       fmt::format("[simulate.{}.{}]", bus, shown(name)));
          take(one);
          one.finish();
       }
@@ -260,7 +148,7 @@ private:
 
    /// What all devices have. `registers` registers of up to `widest`, at multiples of `step`;
    /// the list's register numbers count `listUnit` of the device's addresses.
-   void _common(Reader& reader, DeviceSpec& spec, std::uint64_t registers, std::uint64_t widest,
+   void _common(TomlTable& reader, DeviceSpec& spec, std::uint64_t registers, std::uint64_t widest,
                 std::uint32_t step, std::uint8_t listUnit) {
       spec.name = _name;
       spec.present = reader.flag("present", true);
@@ -293,8 +181,8 @@ private:
       }
    }
 
-   std::uint64_t _address(const Reader& reader, const DeviceSpec& spec, const toml::key& key) {
-      if (const auto number = numberFrom(key.str())) {
+   std::uint64_t _address(const TomlTable& reader, const DeviceSpec& spec, const toml::key& key) {
+      if (const auto number = ::Board::numberFrom(key.str())) {
          return *number;
       }
       const auto* record = spec.model ? spec.model->findRegister(key.str()) : nullptr;
@@ -308,7 +196,7 @@ private:
    }
 
    Platform::Ptr<Hardware::HardwareRegisterFile>
-   _model(const Reader& reader, const toml::node& node, std::uint8_t unit) const {
+   _model(const TomlTable& reader, const toml::node& node, std::uint8_t unit) const {
       const std::filesystem::path beside = std::filesystem::path(_file).parent_path();
       const std::string path = (beside / reader.text(node, "list")).string();
       try {
@@ -317,14 +205,14 @@ private:
                         fmt::format("{}:{}: this array cannot be expanded", shown(path), line));
          }
          return TarnRegFile::RegFileHelper::RegFileHelperIs("list")->parseCsv(path, unit);
-      } catch (const Failure&) {
+      } catch (const ::Board::FileError&) {
          throw;
       } catch (const std::exception& error) {
          reader.fail(node.source(), fmt::format("{}: {}", shown(path), error.what()));
       }
    }
 
-   void _delayAndFaults(Reader& reader, DeviceSpec& spec) {
+   void _delayAndFaults(TomlTable& reader, DeviceSpec& spec) {
       spec.delay = std::chrono::microseconds(reader.number("delay_us", 0, maxDelay, 0));
       const toml::node* node = reader.take("faults");
       if (!node) {
@@ -338,13 +226,13 @@ private:
          if (!fault.is_table()) {
             reader.fail(fault.source(), "a fault must be a table");
          }
-         Reader one(_file, *fault.as_table(), "a fault");
+         TomlTable one(_file, *fault.as_table(), "a fault");
          spec.faults.push_back(_fault(one));
          one.finish();
       }
    }
 
-   static Hardware::Fault _fault(Reader& reader) {
+   static Hardware::Fault _fault(TomlTable& reader) {
       constexpr auto most = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
       Hardware::Fault fault;
       const std::string kind = reader.text(reader.need("kind"), "kind");
@@ -374,7 +262,7 @@ private:
       return fault;
    }
 
-   void _i2c(Reader& reader) {
+   void _i2c(TomlTable& reader) {
       I2cSpec spec;
       spec.bus = reader.text(reader.need("bus"), "bus");
       if (!isI2cPath(spec.bus)) {
@@ -406,7 +294,7 @@ private:
       _board.i2c.push_back(std::move(spec));
    }
 
-   void _spi(Reader& reader) {
+   void _spi(TomlTable& reader) {
       SpiSpec spec;
       spec.device = reader.text(reader.need("device"), "device");
       const auto controller = controllerOf(spec.device);
@@ -424,7 +312,7 @@ private:
       _board.spi.push_back(std::move(spec));
    }
 
-   void _pci(Reader& reader) {
+   void _pci(TomlTable& reader) {
       PciSpec spec;
       spec.function = reader.text(reader.need("function"), "function");
       if (!isPciFunction(spec.function)) {
@@ -462,26 +350,19 @@ private:
 } // namespace
 
 Board boardFromText(std::string_view text, const std::string& path) {
-   return Parser(path).parse(text);
+   try {
+      return Parser(path).parse(::Board::tomlFromText(text, path));
+   } catch (const ::Board::FileError& error) {
+      throw Failure(error.what());
+   }
 }
 
 Board boardFromFile(const std::string& path) {
-   std::error_code error;
-   // A device or a pipe might never end.
-   if (std::filesystem::exists(path, error) && !std::filesystem::is_regular_file(path, error)) {
-      throw Failure(fmt::format("{}: not a regular file", path));
+   try {
+      return Parser(path).parse(::Board::tomlFromFile(path));
+   } catch (const ::Board::FileError& error) {
+      throw Failure(error.what());
    }
-   std::ifstream file(path, std::ios::binary);
-   if (!file) {
-      failErrno(path);
-   }
-   std::string text(maxFileSize + 1, '\0');
-   file.read(text.data(), static_cast<std::streamsize>(text.size()));
-   text.resize(static_cast<std::size_t>(file.gcount()));
-   if (text.size() > maxFileSize) {
-      throw Failure(fmt::format("{}: larger than {} bytes", path, maxFileSize));
-   }
-   return boardFromText(text, path);
 }
 
 } // namespace TarnSim

@@ -9,7 +9,7 @@
 
 #include <fmt/format.h>
 
-#include "tools/tarnsim/Number.h"
+#include "board/Number.h"
 
 namespace TarnSim {
 
@@ -73,7 +73,7 @@ std::vector<std::string_view> wordsOf(std::string_view line) {
 }
 
 std::uint64_t number(std::string_view text, std::uint64_t most) {
-   const auto number = numberFrom(text);
+   const auto number = ::Board::numberFrom(text);
    if (!number) {
       throw std::invalid_argument(fmt::format("'{}' is no number", shown(text)));
    }
@@ -87,7 +87,7 @@ std::uint32_t registerOf(const SimulatedDevice& device, std::string_view word) {
    if (const auto address = device.addressOf(word)) {
       return *address;
    }
-   if (!numberFrom(word)) {
+   if (!::Board::numberFrom(word)) {
       throw std::invalid_argument(
          fmt::format("{} has no register '{}'", device.name(), shown(word)));
    }

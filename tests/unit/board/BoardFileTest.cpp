@@ -111,7 +111,8 @@ TEST(BoardFile, WhatIsNoTomlIsRefusedWithItsPlace) {
 TEST(BoardFile, AFileThatCannotBeReadIsNamed) {
    const TestSupport::TempDir dir;
    EXPECT_EQ(failureToOpen(dir.path("no")), dir.path("no") + ": No such file or directory");
-   EXPECT_EQ(failureToOpen(dir.path()), dir.path() + ": Is a directory");
+   EXPECT_EQ(failureToOpen(dir.path()), dir.path() + ": not a regular file");
+   EXPECT_EQ(failureToOpen("/dev/zero"), "/dev/zero: not a regular file");
    const std::string large = dir.write("large", std::string((4 << 20) + 1, '\n'));
    EXPECT_EQ(failureToOpen(large), large + ": larger than 4194304 bytes");
    const std::string good = dir.write("good", "[devices.d]\nlist = 'l'\ntransport = 'mock:'\n" +

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string_view>
 
-namespace TarnSim {
+namespace Board {
 
 /// The number that the whole of `text` spells: decimal, 0x hexadecimal or 0b binary.
 inline std::optional<std::uint64_t> numberFrom(std::string_view text) noexcept {
@@ -27,4 +27,4 @@ inline std::optional<std::uint64_t> numberFrom(std::string_view text) noexcept {
    return number;
 }
 
-} // namespace TarnSim
+} // namespace Board
