@@ -181,6 +181,8 @@ template <typename... Visitors>
 struct Overloaded : Visitors... {
    using Visitors::operator()...;
 };
+template <typename... Visitors>
+Overloaded(Visitors...) -> Overloaded<Visitors...>;
 
 } // namespace
 

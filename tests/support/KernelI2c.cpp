@@ -43,11 +43,19 @@ std::vector<int> KernelI2c::openFds() const {
    return fds;
 }
 
-bool KernelI2c::isLocked() const {
+bool KernelI2c::isLocked() {
+   const std::size_t noted = order.size();
    const int fd = ::open(_path.c_str(), O_RDWR | O_CLOEXEC);
    const bool free = ::flock(fd, LOCK_EX | LOCK_NB) == 0;
    ::close(fd);
+   order.resize(noted); // that was this check itself
    return !free;
+}
+
+void KernelI2c::locked(int operation) {
+   order.push_back(operation == LOCK_EX   ? "lock exclusive"
+                   : operation == LOCK_UN ? "unlock"
+                                          : "lock " + std::to_string(operation));
 }
 
 int KernelI2c::answer(unsigned long request, void* argument) {
@@ -55,6 +63,7 @@ int KernelI2c::answer(unsigned long request, void* argument) {
    call.request = request;
    call.locked = isLocked();
    if (request == I2C_SLAVE) {
+      order.push_back("address");
       call.address = reinterpret_cast<long>(argument);
    } else if (request == I2C_SMBUS) {
       return _transfer(argument, call);
@@ -81,6 +90,7 @@ int KernelI2c::answer(unsigned long request, void* argument) {
 int KernelI2c::_transfer(void* argument, Call call) {
    auto& request = *static_cast<i2c_smbus_ioctl_data*>(argument);
    call.readWrite = request.read_write;
+   order.push_back(request.read_write == I2C_SMBUS_READ ? "read" : "write");
    call.command = request.command;
    call.size = request.size;
    if (request.size == I2C_SMBUS_I2C_BLOCK_DATA) {
@@ -128,4 +138,14 @@ extern "C" __attribute__((visibility("default"))) int ioctl(int fd, unsigned lon
    using Ioctl = int (*)(int, unsigned long, void*);
    static const Ioctl next = reinterpret_cast<Ioctl>(::dlsym(RTLD_NEXT, "ioctl"));
    return next(fd, request, argument);
+}
+
+// So do its locks.
+extern "C" __attribute__((visibility("default"))) int flock(int fd, int operation) noexcept {
+   if (TestSupport::KernelI2c::current && TestSupport::KernelI2c::current->isOurs(fd)) {
+      TestSupport::KernelI2c::current->locked(operation);
+   }
+   using Flock = int (*)(int, int);
+   static const Flock next = reinterpret_cast<Flock>(::dlsym(RTLD_NEXT, "flock"));
+   return next(fd, operation);
 }

@@ -55,16 +55,20 @@ public:
 
    std::vector<Call> calls;
 
+   /// Everything in order, in short: "lock exclusive", "write", "read", "unlock", "address".
+   std::vector<std::string> order;
+
    /// The descriptors of this process that are open on the file.
    std::vector<int> openFds() const;
 
    /// Whether somebody holds an exclusive lock on the file.
-   bool isLocked() const;
+   bool isLocked();
 
    // For the ioctl that replaces the C library's.
    static KernelI2c* current;
    bool isOurs(int fd) const;
    int answer(unsigned long request, void* argument);
+   void locked(int operation);
 
 private:
    int _transfer(void* argument, Call call);

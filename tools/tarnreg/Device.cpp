@@ -59,6 +59,7 @@ Device::Device(const std::string& file, const Board::TransportUrl& url,
 }
 
 void Device::_open(const std::string& file, const Board::TransportUrl& url) {
+   _where = url.where();
    try {
       const auto descriptor = url.descriptor();
       if (const auto spi = Platform::ptrCast<TarnRegFile::SpiTransportDescriptor>(descriptor)) {
@@ -126,6 +127,7 @@ void Device::access(const char* what, const std::string& name, const std::functi
    if (notifier->error()) {
       throw _failure(what, name, "the access failed", ExitCode::deviceError);
    }
+   _send(what, name);
 }
 
 std::uint32_t Device::read(const std::string& name) {
@@ -135,19 +137,36 @@ std::uint32_t Device::read(const std::string& name) {
 }
 
 void Device::write(const std::string& name, std::uint32_t value) {
-   _accessRegister("write", name, [&] {
-      _method->regWrite(name, value);
-      _send();
-   });
+   _accessRegister("write", name, [&] { _method->regWrite(name, value); });
 }
 
-void Device::_send() {
+std::uint32_t Device::valueMask(const HardwareRegister& record) const noexcept {
+   constexpr std::uint32_t all = 0xFFFFFFFF;
+   const auto* i2c = std::get_if<Board::I2cAt>(&_where);
+   if (i2c && i2c->flavour == TarnRegFile::I2cFlavour::dataBlock) {
+      return __builtin_bswap32(all >> (record.accessWidth - record.width) % 32);
+   }
+   return record.width >= 32 ? all : (1U << record.width) - 1;
+}
+
+void Device::requireReadable() const {
+   if (std::holds_alternative<Board::SpiAt>(_where)) {
+      throw Failure(ExitCode::deviceError, "a device behind SPI can only be written, not read");
+   }
+}
+
+bool Device::hasBlockAccess() const noexcept {
+   return std::holds_alternative<Board::MockAt>(_where) ||
+          std::holds_alternative<Board::PciAt>(_where);
+}
+
+void Device::_send(const char* what, const std::string& name) {
    if (!_spi || _spi->drain() == 0) {
       return;
    }
    for (const auto& engine : _spi->engines()) {
       if (engine->status()->lastError() != 0) {
-         throw std::runtime_error(engine->status()->lastErrorText());
+         throw _failure(what, name, engine->status()->lastErrorText(), ExitCode::deviceError);
       }
    }
 }

@@ -56,6 +56,8 @@ void withoutConfiguration(Selection& selection) {
 
 void diffDevices(Device& device, Device& other, const std::vector<std::string>& patterns, bool all,
                  Report& report) {
+   device.requireReadable();
+   other.requireReadable();
    Selection selection = selectAll(device, patterns, report);
    if (!all) {
       withoutConfiguration(selection);
@@ -83,6 +85,7 @@ void diffDevices(Device& device, Device& other, const std::vector<std::string>& 
 
 void diffDump(Device& device, const SavedDump& dump, const std::vector<std::string>& patterns,
               Report& report) {
+   device.requireReadable();
    Selection selection;
    if (patterns.empty()) {
       for (const auto& [name, value] : dump.entries()) {

@@ -45,6 +45,7 @@ void readRegisters(Device& device, const std::vector<std::string>& patterns, Rep
 
 void dumpRegisters(Device& device, const std::vector<std::string>& patterns, bool all,
                    Report& report) {
+   device.requireReadable();
    Selection selection = selectAll(device, patterns, report);
    if (!all) {
       std::erase_if(selection, [](const HardwareRegister* record) {

@@ -139,6 +139,10 @@ void callOperation(Device& device, const std::string& operation,
          fmt::format("no operation {}; describe TransportMethod lists them", shownName(operation)));
    }
    requireRegister(device, *row, arguments);
+   if ((operation == "regReadArray" || operation == "regWriteArray") && !device.hasBlockAccess()) {
+      throw Failure(ExitCode::deviceError,
+                    fmt::format("cannot call {}: this transport has no block access", operation));
+   }
    try {
       Platform::Value result;
       device.access("call", operation, [&] {

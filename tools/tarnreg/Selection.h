@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -13,5 +14,9 @@ using Selection = std::vector<const TarnRegFile::HardwareRegister*>;
 /// The registers of all patterns, in their order; every register without patterns. A pattern
 /// without any is reported.
 Selection selectAll(Device& device, const std::vector<std::string>& patterns, Report& report);
+
+/// Throws Failure (usage) when `value` has bits that the register does not.
+void requireFits(const Device& device, const TarnRegFile::HardwareRegister& record,
+                 std::uint32_t value);
 
 } // namespace TarnReg

@@ -68,11 +68,7 @@ void appendConditions(Device& device, const std::string& text, std::vector<Condi
          fmt::format("{}: never, {:#x} has bits that the mask leaves out", text, wanted));
    }
    for (const HardwareRegister* record : selectRegisters(device, name)) {
-      if (record->width < 32 && wanted >> record->width != 0) {
-         throw Failure(ExitCode::usage,
-                       fmt::format("{:#x} does not fit in the {} bits of {}", wanted, record->width,
-                                   shownName(record->name)));
-      }
+      requireFits(device, *record, wanted);
       out.push_back({record, mask, wanted});
    }
 }
@@ -108,6 +104,7 @@ std::optional<std::string> unmet(Device& device, const std::vector<Condition>& c
 
 void watchRegisters(Device& device, const std::vector<std::string>& patterns,
                     const WatchOptions& options, const Pace& pace, Report& report) {
+   device.requireReadable();
    if (report.json() && options.count == 0) {
       throw Failure(ExitCode::usage, "--json of a watch needs --count: it is printed at the end");
    }
@@ -134,6 +131,7 @@ void watchRegisters(Device& device, const std::vector<std::string>& patterns,
 
 void pollRegisters(Device& device, const std::vector<std::string>& conditionTexts,
                    const PollOptions& options, const Pace& pace, Report& report) {
+   device.requireReadable();
    std::vector<Condition> conditions;
    for (const std::string& text : conditionTexts) {
       appendConditions(device, text, conditions);

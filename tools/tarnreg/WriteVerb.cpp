@@ -3,6 +3,7 @@
 #include "tools/tarnreg/Failure.h"
 #include "tools/tarnreg/NamePattern.h"
 #include "tools/tarnreg/Printable.h"
+#include "tools/tarnreg/Selection.h"
 #include "tools/tarnreg/Verbs.h"
 
 namespace TarnReg {
@@ -15,10 +16,6 @@ struct Assignment {
    const HardwareRegister* record;
    std::uint32_t value;
 };
-
-constexpr std::uint32_t widthMask(std::uint32_t width) noexcept {
-   return width >= 32 ? 0xFFFFFFFF : (1U << width) - 1;
-}
 
 void appendAssignments(Device& device, const std::string& text, bool force,
                        std::vector<Assignment>& out) {
@@ -33,10 +30,7 @@ void appendAssignments(Device& device, const std::string& text, bool force,
                        fmt::format("{} is read-only; --force writes it all the same",
                                    shownName(record->name)));
       }
-      if ((value & ~widthMask(record->width)) != 0) {
-         throw Failure(ExitCode::usage, fmt::format("{:#x} does not fit in the {} bits of {}",
-                                                    value, record->width, shownName(record->name)));
-      }
+      requireFits(device, *record, value);
       out.push_back({record, value});
    }
 }
@@ -66,7 +60,7 @@ std::string question(const std::vector<Assignment>& assignments) {
 }
 
 void verify(Device& device, const Assignment& assignment, Report& report) {
-   const std::uint32_t mask = widthMask(assignment.record->width);
+   const std::uint32_t mask = device.valueMask(*assignment.record);
    const std::uint32_t found = device.read(assignment.record->name);
    if ((found & mask) != (assignment.value & mask)) {
       report.failure(ExitCode::readBackMismatch,
@@ -83,6 +77,9 @@ void writeRegisters(Device& device, const std::vector<std::string>& texts,
    const std::vector<Assignment> assignments =
       checkedAssignments(device, texts, options.force, report);
    report.property("dryRun", options.dryRun);
+   if (options.verify && !options.dryRun) {
+      device.requireReadable();
+   }
    std::vector<const HardwareRegister*> records;
    records.reserve(assignments.size());
    for (const Assignment& assignment : assignments) {

@@ -180,7 +180,7 @@ UnixFdRes Supervisor::_fileOf(const Waiting& waiting) {
    return file;
 }
 
-void Supervisor::_answer(std::shared_ptr<Waiting> waiting) {
+void Supervisor::_answer(const std::shared_ptr<Waiting>& waiting) {
    const seccomp_notif& notification = waiting->notification();
    waiting->file = _fileOf(*waiting);
    struct stat status {};

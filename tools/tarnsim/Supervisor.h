@@ -47,7 +47,7 @@ private:
    using FileId = std::pair<dev_t, ino_t>;
 
    void _serve();
-   void _answer(std::shared_ptr<Waiting> waiting);
+   void _answer(const std::shared_ptr<Waiting>& waiting);
    void _send(Waiting& waiting, long result, bool goOn);
    bool _waits(std::uint64_t id) const;
    TarnRegFile::Utils::UnixFdRes _fileOf(const Waiting& waiting);

@@ -157,6 +157,70 @@ class Clients(TarnsimTest):
             "FPGA_ID  0x5441524e", "SCRATCH  0x00001234", "SCRATCH  0x00001234",
             "FPGA_ID  0x5441524e"])
 
+    def tarnreg(self, *commands, front=""):
+        """Runs tarnreg on a board of its own, once with each of these arguments; the last result
+        of the shell counts."""
+        self.write("list.csv", "number,name,type,writeable,width\n"
+                               "16,WIDE,led,true,32\n20,HALF,led,true,16\n24,BYTE,led,true,8\n"
+                               "32,WORD,led,true,16\n")
+        board = self.write("tarnreg.toml", BOARD.replace('[devices.ignored]\ntransport = "mock:"\n', """
+[devices.block]
+list = "list.csv"
+transport = "i2c:/dev/i2c-3@0x50"
+[devices.word]
+list = "list.csv"
+transport = "i2c:/dev/i2c-3@0x51?flavour=2"
+[devices.spi]
+list = "list.csv"
+transport = "spi:/dev/spidev0.1"
+"""))
+        return self.shell(
+            front + "; ".join(f"{TARNREG} --board {board} --device {c}" for c in commands),
+            "--wire-log", self.log, "--control", self.path("control"), board=board)
+
+    def test_tarnreg_verifies_narrow_registers_where_their_values_are(self):
+        result = self.tarnreg("block write HALF=0x12340000 --verify && true",
+                              "block poll --until HALF=0x12340000 --timeout 1",
+                              "block read HALF BYTE")
+        self.assertEqual((result.code, result.err), (0, ""))
+        self.assertEqual(result.out.splitlines()[-2:], ["HALF  0x12340000", "BYTE  0x00"])
+        self.assertIn("i2c-3: S 50 W 00 14 12 34 00 00 P", self.wire())
+
+    def test_tarnreg_refuses_bits_that_a_narrow_register_does_not_have(self):
+        for verb in ("write HALF=0x1234", "poll --until HALF=0x1234"):
+            result = self.tarnreg(f"block {verb}")
+            self.assertEqual((result.code, result.out), (2, ""))
+            self.assertIn("0x1234 does not fit in the 16 bits of HALF, which on this device are "
+                          "0xffff0000", result.err)
+            self.assertEqual(self.wire(), [])
+
+    def test_tarnreg_speaks_both_flavours(self):
+        result = self.tarnreg("word write WORD=0xabcd --verify")
+        self.assertEqual((result.code, result.out), (0, "WORD  0xabcd\n"), result.err)
+        self.assertEqual(self.wire(), ["i2c-3: S 51 W 20 cd ab P",
+                                       "i2c-3: S 51 W 20 | Sr 51 R cd ab P"])
+
+    def test_tarnreg_waits_for_what_is_queued_for_spi(self):
+        result = self.tarnreg("spi write WIDE=0xabcd", "spi call regWrite WIDE 0x1234")
+        self.assertEqual((result.code, result.err), (0, ""))
+        lost = self.tarnreg("spi call regWrite WIDE 1",
+                            front=f"{TARNSIM} control lose led >/dev/null; ")
+        self.assertEqual(lost.code, 5)
+        self.assertIn("cannot call regWrite: SPI request 0: ", lost.err)
+
+    def test_tarnreg_asks_no_device_for_what_its_transport_cannot_do(self):
+        for device, verb, reason in (
+            ("block", "call regReadArray WIDE 2",
+             "cannot call regReadArray: this transport has no block access"),
+            ("spi", "dump", "a device behind SPI can only be written, not read"),
+            ("spi", "write WIDE=1 --verify", "a device behind SPI can only be written, not read"),
+            ("spi", "poll --until WIDE=1", "a device behind SPI can only be written, not read"),
+        ):
+            result = self.tarnreg(f"{device} {verb}")
+            self.assertEqual((result.code, result.out), (5, ""), result.err)
+            self.assertEqual(result.err, f"tarnreg: error: {reason}\n")
+            self.assertEqual(self.wire(), [])
+
     def test_descriptors_share_an_address_as_they_share_a_file(self):
         self.scenario("sharing")
 

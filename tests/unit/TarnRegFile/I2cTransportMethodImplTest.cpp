@@ -23,6 +23,7 @@
 #include "TarnRegFile/TransportMethod.h"
 #include "tests/support/Failure.h"
 #include "tests/support/KernelI2c.h"
+#include "tests/support/RecordingAsyncHelper.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -222,6 +223,8 @@ TEST_F(I2cTransport, OpeningIsTraced) {
    const auto transport = make(I2cFlavour::dataBlock);
    EXPECT_THAT(trace.texts(), ElementsAre(fmt::format("Opened i2c with fd {}", transport->fd())));
    EXPECT_EQ(trace.records().front().source, "TarnRegFile/I2cTransportMethodImpl");
+   EXPECT_EQ(trace.records().front().function, "I2cTransportMethodImpl");
+   EXPECT_EQ(trace.records().front().level, 1);
 
    trace.clear();
    kernel.onlyTransfersFail = false;
@@ -280,6 +283,32 @@ TEST_F(I2cTransport, ABlockReadIsLockedThroughoutAndNotOnlyDuringTheTransfers) {
    EXPECT_EQ(status, 0) << "and is free afterwards";
    ::close(pipe[0]);
    ::close(pipe[1]);
+}
+
+TEST_F(I2cTransport, OneExclusiveLockSpansABlockAccess) {
+   const auto transport = block();
+   kernel.order.clear();
+   transport->regRead("WIDE");
+   EXPECT_THAT(kernel.order, ElementsAre("lock exclusive", "write", "read", "unlock"));
+   kernel.order.clear();
+   transport->regWrite("WIDE", 1);
+   EXPECT_THAT(kernel.order, ElementsAre("lock exclusive", "write", "unlock"));
+   kernel.order.clear();
+   kernel.errors = {EIO};
+   EXPECT_THROW(transport->regRead("WIDE"), std::system_error);
+   EXPECT_THAT(kernel.order, ElementsAre("lock exclusive", "write", "unlock"));
+}
+
+TEST_F(I2cTransport, AWordTakesNoLock) {
+   const auto transport = word();
+   kernel.order.clear();
+   transport->regRead("SMALL");
+   transport->regWrite("SMALL", 1);
+   EXPECT_THAT(kernel.order, ElementsAre("read", "write"));
+}
+
+TEST_F(I2cTransport, AChildProgramDoesNotInheritTheDevice) {
+   EXPECT_NE(::fcntl(block()->fd(), F_GETFD) & FD_CLOEXEC, 0);
 }
 
 TEST_F(I2cTransport, ANarrowRegisterIsMaskedBeforeItsBytesArePutInOrder) {
@@ -459,6 +488,13 @@ TEST_F(I2cTransport, AWordAccessTakesAnySize) {
    TarnRegFile::i2cflavspec::dataWordAccess(transport->fd(), 3, I2C_SMBUS_READ, I2C_SMBUS_BYTE_DATA,
                                             data);
    EXPECT_EQ(kernel.calls.at(0).size, unsigned(I2C_SMBUS_BYTE_DATA));
+   // Whatever is not a write is called a read.
+   kernel.errors = {EIO};
+   EXPECT_EQ(Failure([&] {
+                TarnRegFile::i2cflavspec::dataWordAccess(transport->fd(), 3, 7, I2C_SMBUS_WORD_DATA,
+                                                         data);
+             }),
+             Failure::system(EIO, "I2C word read from address 0x3 failed"));
 }
 
 // What does not depend on the flavour
@@ -497,6 +533,16 @@ TEST_P(EachI2cFlavour, ThereIsNoBlockAccessAndNoAsyncHelper) {
    EXPECT_DEATH(transport->regReadBlock("SMALL", buffer, 2), "assertion failed");
    EXPECT_DEATH(transport->regWriteBlock("SMALL", buffer, 2), "assertion failed");
    EXPECT_FALSE(transport->getAsyncHelper());
+   const auto helper = Platform::make<TestSupport::RecordingAsyncHelper>();
+   transport->asyncHelperIs(helper);
+   EXPECT_EQ(transport->getAsyncHelper(), helper);
+}
+
+// Looked at before main(), as a program's own static objects may.
+const bool tableThereBeforeMain = TarnRegFile::i2cflavspec::table.size() == 2;
+
+TEST(I2cFlavours, AreThereWhenTheLibraryIsLoaded) {
+   EXPECT_TRUE(tableThereBeforeMain);
 }
 
 TEST_P(EachI2cFlavour, TheTablesRowIsWhatTheFlavourSays) {

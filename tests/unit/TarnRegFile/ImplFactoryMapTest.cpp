@@ -6,6 +6,7 @@
 #include <memory>
 #include <set>
 
+#include "TarnRegFile/I2cTransportDescriptor.h"
 #include "TarnRegFile/MockTransportMethodImpl.h"
 #include "tests/support/EnvironmentVariable.h"
 #include "tests/support/Failure.h"
@@ -70,6 +71,20 @@ TEST(ImplFactoryMap, TheMocksRowMakesAMockFromAPathOrAModel) {
       implFactoryMap.at(mockKey)(descriptor, "", model));
    EXPECT_NE(dynamic_cast<TarnRegFile::MockTransportMethodImpl*>(fromModel.get()), nullptr);
    EXPECT_EQ(descriptor->refCount(), 1u) << "the mock keeps nothing of the descriptor";
+}
+
+TEST(ImplFactoryMap, TheMockTakesADescriptorOfAnyKind) {
+   const auto model = Hardware::hardwareRegisterFileFactory("m");
+   const auto& factory = implFactoryMap.at(mockKey);
+   const auto i2c =
+      TarnRegFile::i2cTransportDescriptorFactory("d", 1, TarnRegFile::I2cFlavour::dataBlock);
+   for (const TarnRegFile::Ptr<TarnRegFile::BaseTransportDescriptor>& descriptor :
+        {TarnRegFile::Ptr<TarnRegFile::BaseTransportDescriptor>(i2c),
+         TarnRegFile::Ptr<TarnRegFile::BaseTransportDescriptor>()}) {
+      const std::unique_ptr<TarnRegFile::BaseTransportMethodImpl> made(
+         factory(descriptor, "", model));
+      EXPECT_NE(dynamic_cast<TarnRegFile::MockTransportMethodImpl*>(made.get()), nullptr);
+   }
 }
 
 TEST(ImplFactoryMap, AFailingConstructorPassesThroughTheFactory) {
