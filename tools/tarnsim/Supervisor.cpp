@@ -144,7 +144,7 @@ void Supervisor::_serve() {
    while (!_stopping) {
       auto waiting = std::make_shared<Waiting>(_notificationSize);
       if (::ioctl(_listener.fd(), SECCOMP_IOCTL_NOTIF_RECV, waiting->bytes.data()) == 0) {
-         _answer(std::move(waiting));
+         _answer(waiting);
          continue;
       }
       if (errno == ENOENT) {
