@@ -47,6 +47,22 @@ void counterAdd(Family& family, const std::vector<Label>& labels, std::uint64_t 
    family.metric.back().counter.value = static_cast<double>(value);
 }
 
+void histogramAdd(Family& family, const SeriesTable::Sample& sample) {
+   const auto shown = [&](std::uint64_t value) {
+      return static_cast<double>(value) / static_cast<double>(sample.perShownUnit);
+   };
+   family.metric.push_back(clientMetric(sample.description->labels));
+   prometheus::ClientMetric::Histogram& histogram = family.metric.back().histogram;
+   histogram.sample_count = sample.histogram.count;
+   histogram.sample_sum = shown(sample.histogram.sum);
+   std::uint64_t upToHere = 0;
+   // The serializer adds the bucket of all.
+   for (std::size_t i = 0; i < sample.upperBounds.size(); ++i) {
+      upToHere += sample.histogram.counts[i];
+      histogram.bucket.push_back({upToHere, shown(sample.upperBounds[i])});
+   }
+}
+
 Family familyNew(std::string name, std::string help, prometheus::MetricType type) {
    Family family;
    family.name = std::move(name);
@@ -58,11 +74,17 @@ Family familyNew(std::string name, std::string help, prometheus::MetricType type
 std::vector<Family> families(const SeriesTable::Snapshot& snapshot) {
    std::vector<Family> families;
    for (const SeriesTable::Sample& sample : snapshot.samples) {
+      const bool isHistogram = !sample.upperBounds.empty();
       if (families.empty() || families.back().name != sample.description->name) {
          families.push_back(familyNew(sample.description->name, sample.description->help,
-                                      prometheus::MetricType::Counter));
+                                      isHistogram ? prometheus::MetricType::Histogram
+                                                  : prometheus::MetricType::Counter));
       }
-      counterAdd(families.back(), sample.description->labels, sample.value);
+      if (isHistogram) {
+         histogramAdd(families.back(), sample);
+      } else {
+         counterAdd(families.back(), sample.description->labels, sample.value);
+      }
    }
    families.push_back(familyNew("tarn_metrics_refused_registrations_total",
                                 "Groups of counters that the registry refused to show",
@@ -72,7 +94,7 @@ std::vector<Family> families(const SeriesTable::Snapshot& snapshot) {
    families.push_back(familyNew("tarn_metrics_series", "Series that the registry shows",
                                 prometheus::MetricType::Gauge));
    families.back().metric.push_back(clientMetric({}));
-   families.back().metric.back().gauge.value = static_cast<double>(snapshot.samples.size());
+   families.back().metric.back().gauge.value = static_cast<double>(snapshot.series);
    return families;
 }
 

@@ -10,7 +10,7 @@ namespace Platform::Metrics {
 
 class Registry;
 
-/// Serves a registry's counters over HTTP, at /metrics, in the Prometheus text format: what a
+/// Serves what a registry shows over HTTP, at /metrics, in the Prometheus text format: what a
 /// program makes of `--metrics ADDRESS:PORT`.
 ///
 /// Owned by the program. Serves on threads of its own until it is destroyed; those threads take

@@ -6,12 +6,12 @@
 
 namespace Platform::Metrics {
 
-/// Keeps a group of counters visible in a Registry for as long as it lives.
+/// Keeps a group of counters and histograms visible in a Registry for as long as it lives.
 ///
-/// Declare it after the counters that it shows: it must go before them. Once its destructor has
-/// returned none of them is read any more, a scrape under way included. It may outlive the
-/// registry. Movable; a moved-from one shows nothing. A single one is used by one thread at a
-/// time; several on any threads.
+/// Declare it after what it shows: it must go before them. Once its destructor has returned none
+/// of them is read any more, a scrape under way included. It may outlive the registry. Movable; a
+/// moved-from one shows nothing. A single one is used by one thread at a time; several on any
+/// threads.
 class TARN_PLATFORM_API Registration {
 public:
    /// Shows nothing.

@@ -14,6 +14,7 @@ namespace Platform::Metrics {
 namespace {
 
 constexpr std::string_view ownPrefix = "tarn_metrics_";
+constexpr std::string_view boundLabel = "le";
 constexpr std::size_t leastLabelValueBytes = 3; // the ellipsis
 
 Registry::Limits checked(const Registry::Limits& limits) {
@@ -40,10 +41,10 @@ std::string helpText(std::string_view help) {
    return text;
 }
 
-std::shared_ptr<const SeriesTable::Description> description(Registry::NamedCounter&& counter,
+std::shared_ptr<const SeriesTable::Description> description(Registry::NamedMetric&& metric,
                                                             const std::vector<Label>& commonLabels,
                                                             const Registry::Limits& limits) {
-   const std::string& name = counter.name;
+   const std::string& name = metric.name;
    if (!isMetricName(name)) {
       throw std::invalid_argument(fmt::format("'{}' is not a metric name", name));
    }
@@ -51,10 +52,10 @@ std::shared_ptr<const SeriesTable::Description> description(Registry::NamedCount
       throw std::invalid_argument(
          fmt::format("metric {}: names that begin with {} are the registry's", name, ownPrefix));
    }
-   if (counter.counter == nullptr) {
-      throw std::invalid_argument(fmt::format("metric {}: the counter is null", name));
+   if (metric.metric.isNull()) {
+      throw std::invalid_argument(fmt::format("metric {}: there is none, but null", name));
    }
-   std::vector<Label> labels = std::move(counter.labels);
+   std::vector<Label> labels = std::move(metric.labels);
    labels.insert(labels.end(), commonLabels.begin(), commonLabels.end());
    if (labels.size() > limits.labels) {
       throw std::invalid_argument(
@@ -64,6 +65,10 @@ std::shared_ptr<const SeriesTable::Description> description(Registry::NamedCount
       if (!isLabelName(label.name)) {
          throw std::invalid_argument(
             fmt::format("metric {}: '{}' is not a label name", name, label.name));
+      }
+      if (metric.metric.histogram() && label.name == boundLabel) {
+         throw std::invalid_argument(fmt::format(
+            "metric {}: the label {} says the bounds of a histogram", name, boundLabel));
       }
       label.value = boundedLabelValue(label.value, limits.labelValueBytes);
    }
@@ -77,7 +82,7 @@ std::shared_ptr<const SeriesTable::Description> description(Registry::NamedCount
          fmt::format("metric {}: the label {} is given twice", name, twice->name));
    }
    return std::make_shared<const SeriesTable::Description>(
-      SeriesTable::Description{std::move(counter.name), helpText(counter.help), std::move(labels)});
+      SeriesTable::Description{std::move(metric.name), helpText(metric.help), std::move(labels)});
 }
 
 } // namespace
@@ -89,14 +94,14 @@ Registry::Registry(Limits limits)
 
 Registry::~Registry() = default;
 
-Registration Registry::registrationNew(std::vector<NamedCounter> counters,
+Registration Registry::registrationNew(std::vector<NamedMetric> metrics,
                                        const std::vector<Label>& commonLabels) {
    auto group = std::make_unique<Registration::Group>(_table);
    std::vector<SeriesTable::Entry> entries;
-   entries.reserve(counters.size());
-   for (NamedCounter& counter : counters) {
-      const Counter* const source = counter.counter;
-      entries.push_back({description(std::move(counter), commonLabels, _limits), source});
+   entries.reserve(metrics.size());
+   for (NamedMetric& metric : metrics) {
+      const MetricRef source = metric.metric;
+      entries.push_back({description(std::move(metric), commonLabels, _limits), source});
    }
    if (!_table->entriesAdd(entries)) {
       return {};

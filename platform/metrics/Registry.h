@@ -7,14 +7,17 @@
 
 #include "platform/entity/Export.h"
 #include "platform/metrics/Counter.h"
+#include "platform/metrics/Histogram.h"
 #include "platform/metrics/Label.h"
+#include "platform/metrics/MetricRef.h"
 #include "platform/metrics/Registration.h"
+#include "platform/metrics/SharedCounter.h"
 
 namespace Platform::Metrics {
 
 class SeriesTable;
 
-/// The counters of a program, as they are shown to whoever collects them (Exposer).
+/// The counters and histograms of a program, as they are shown to whoever collects them (Exposer).
 ///
 /// A program that is to be watched makes one and passes it to the objects that count; there is
 /// no global one. Any thread may register, while others register, let go, or collect.
@@ -36,16 +39,19 @@ public:
    struct Limits {
       std::size_t labels = 8;            ///< Labels of one series.
       std::size_t labelValueBytes = 128; ///< Longer values are cut: see boundedLabelValue.
-      std::size_t series = 10000;        ///< Series of the whole registry.
+      std::size_t series = 10000;        ///< Lines of the whole registry; see NamedMetric.
    };
 
-   /// A counter under the name that the collecting side knows it by. By custom the name ends in
-   /// `_total`. `help` says what is counted, in a line of up to 256 bytes, the same for all series
-   /// of the name.
-   struct NamedCounter {
+   /// A counter or histogram under the name that the collecting side knows it by. By custom a
+   /// counter's name ends in `_total`, and a histogram's in the unit shown, `_seconds`. `help` says
+   /// what is counted, in a line of up to 256 bytes, the same for all series of the name.
+   ///
+   /// A counter is one series. A histogram is as many as it has bounds and three more, which are
+   /// shown as NAME_bucket, NAME_sum and NAME_count: those names are taken, then.
+   struct NamedMetric {
       std::string name;
       std::string help;
-      const Counter* counter;
+      MetricRef metric;
       std::vector<Label> labels = {};
    };
 
@@ -57,16 +63,17 @@ public:
    Registry(const Registry&) = delete;
    Registry& operator=(const Registry&) = delete;
 
-   /// Shows `counters`, each with its own labels and `commonLabels`, until the result is
-   /// destroyed. The counters must live longer than the result.
+   /// Shows `metrics`, each with its own labels and `commonLabels`, until the result is
+   /// destroyed. They must live longer than the result.
    ///
    /// Throws std::invalid_argument, naming the text, for what no program should ask for: a name
    /// that isMetricName or isLabelName refuses or that begins with `tarn_metrics_`, a label given
-   /// twice, too many labels, a null counter. What depends on the data is refused without an
+   /// twice, too many labels, the label `le` at a histogram, a null pointer, and a histogram and a
+   /// counter of one name. What depends on the data is refused without an
    /// exception, so that an object never fails for the sake of being watched: if the registry is
-   /// full, or has a series of the same name and labels, none of `counters` is shown and the
+   /// full, or has a series of the same name and labels, none of `metrics` is shown and the
    /// result's isRegistered is false. Such refusals are counted and traced at level 1.
-   [[nodiscard]] Registration registrationNew(std::vector<NamedCounter> counters,
+   [[nodiscard]] Registration registrationNew(std::vector<NamedMetric> metrics,
                                               const std::vector<Label>& commonLabels = {});
 
 private:

@@ -1,5 +1,10 @@
 #include "platform/metrics/SeriesTable.h"
 
+#include <iterator>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
 #include "platform/trace/Trace.h"
 
 namespace Platform::Metrics {
@@ -30,17 +35,26 @@ bool SeriesTable::entriesAdd(const std::vector<Entry>& entries) {
       std::size_t added = 0;
       const auto undo = [&]() noexcept {
          while (added > 0) {
-            _series.erase(entries[--added].description);
+            --added;
+            _series.erase(entries[added].description);
+            _shown -= entries[added].metric.series();
          }
       };
-      if (entries.size() <= _maxSeries - _series.size()) {
+      std::size_t wanted = 0;
+      for (const Entry& entry : entries) {
+         wanted += entry.metric.series();
+      }
+      if (wanted <= _maxSeries - _shown) {
          try {
             for (const Entry& entry : entries) {
-               if (!_series.emplace(entry.description, entry.counter).second) {
+               const auto [place, isNew] = _series.emplace(entry.description, entry.metric);
+               if (!isNew) {
                   duplicate = entry.description;
                   break;
                }
                ++added;
+               _shown += entry.metric.series();
+               _checkKind(place);
             }
          } catch (...) {
             undo();
@@ -67,6 +81,24 @@ void SeriesTable::entriesDel(const std::vector<Entry>& entries) noexcept {
    const std::lock_guard lock(_mutex);
    for (const Entry& entry : entries) {
       _series.erase(entry.description);
+      _shown -= entry.metric.series();
+   }
+}
+
+void SeriesTable::_checkKind(Series::const_iterator added) const {
+   const auto check = [&](const Series::value_type& other) {
+      if (other.first->name == added->first->name &&
+          (other.second.histogram() == nullptr) != (added->second.histogram() == nullptr)) {
+         throw std::invalid_argument(
+            fmt::format("metric {}: it cannot be a counter and a histogram", added->first->name));
+      }
+   };
+   // All of one name stand together, and are of one kind until now: one neighbour tells.
+   if (added != _series.begin()) {
+      check(*std::prev(added));
+   }
+   if (std::next(added) != _series.end()) {
+      check(*std::next(added));
    }
 }
 
@@ -76,9 +108,18 @@ SeriesTable::Snapshot SeriesTable::snapshot() const {
    // them when the lock is gone.
    const std::lock_guard lock(_mutex);
    snapshot.samples.reserve(_series.size());
-   for (const auto& [description, counter] : _series) {
-      snapshot.samples.push_back({description, counter->value()});
+   for (const auto& [description, metric] : _series) {
+      Sample& sample = snapshot.samples.emplace_back();
+      sample.description = description;
+      if (const Histogram* histogram = metric.histogram()) {
+         sample.histogram = histogram->snapshot();
+         sample.upperBounds = histogram->upperBounds();
+         sample.perShownUnit = histogram->perShownUnit();
+      } else {
+         sample.value = metric.value();
+      }
    }
+   snapshot.series = _shown;
    snapshot.refusedForCap = _refusedForCap;
    snapshot.refusedAsDuplicate = _refusedAsDuplicate;
    return snapshot;

@@ -8,8 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/metrics/Counter.h"
+#include "platform/metrics/Histogram.h"
 #include "platform/metrics/Label.h"
+#include "platform/metrics/MetricRef.h"
 
 namespace Platform::Metrics {
 
@@ -25,26 +26,31 @@ public:
 
    struct Sample {
       std::shared_ptr<const Description> description;
-      std::uint64_t value;
+      std::uint64_t value = 0;       // of a counter
+      Histogram::Snapshot histogram; // empty for a counter
+      std::vector<std::uint64_t> upperBounds;
+      std::uint64_t perShownUnit = 1;
    };
 
    struct Snapshot {
       std::vector<Sample> samples; // sorted by name, then labels
+      std::size_t series;
       std::uint64_t refusedForCap;
       std::uint64_t refusedAsDuplicate;
    };
 
    struct Entry {
       std::shared_ptr<const Description> description;
-      const Counter* counter;
+      MetricRef metric;
    };
 
    explicit SeriesTable(std::size_t maxSeries) : _maxSeries(maxSeries) {}
 
-   /// Adds all entries or, counting the refusal, none; tells which.
+   /// Adds all entries or, counting the refusal, none; tells which. Throws std::invalid_argument,
+   /// and has added none, if a histogram and a counter would have one name.
    bool entriesAdd(const std::vector<Entry>& entries);
 
-   /// Takes out what entriesAdd added. Once this returns no counter of `entries` is read again.
+   /// Takes out what entriesAdd added. Once this returns nothing of `entries` is read again.
    void entriesDel(const std::vector<Entry>& entries) noexcept;
 
    [[nodiscard]] Snapshot snapshot() const;
@@ -58,9 +64,14 @@ private:
       }
    };
 
+   using Series = std::map<std::shared_ptr<const Description>, MetricRef, Before>;
+
+   void _checkKind(Series::const_iterator added) const;
+
    const std::size_t _maxSeries;
    mutable std::mutex _mutex;
-   std::map<std::shared_ptr<const Description>, const Counter*, Before> _series;
+   Series _series;
+   std::size_t _shown = 0; // series that these make
    std::uint64_t _refusedForCap = 0;
    std::uint64_t _refusedAsDuplicate = 0;
 };

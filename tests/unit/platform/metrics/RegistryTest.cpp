@@ -14,16 +14,18 @@ namespace {
 
 using Platform::Metrics::Counter;
 using Platform::Metrics::Exposer;
+using Platform::Metrics::Histogram;
 using Platform::Metrics::Label;
 using Platform::Metrics::Registration;
 using Platform::Metrics::Registry;
+using Platform::Metrics::SharedCounter;
 using Platform::Metrics::Test::exposition;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-using Counters = std::vector<Registry::NamedCounter>;
+using Counters = std::vector<Registry::NamedMetric>;
 
 std::string shown(const Registry& registry) {
    const Exposer exposer(registry, "0");
@@ -103,6 +105,90 @@ TEST(MetricsRegistry, ValuesAreExactUpTo53Bits) {
    EXPECT_THAT(shown(registry), HasSubstr("\na_total 9007199254740991\n"));
 }
 
+TEST(MetricsRegistry, ShowsACounterOfManyThreadsAsAnyOther) {
+   Registry registry;
+   SharedCounter counter;
+   Counter other;
+   counter.Inc(3);
+   const Registration registration = registry.registrationNew(
+      {{"a_total", "A", &counter, {{"x", "1"}}}, {"a_total", "A", &other, {{"x", "2"}}}});
+   EXPECT_EQ(shown(registry), "# HELP a_total A\n"
+                              "# TYPE a_total counter\n"
+                              "a_total{x=\"1\"} 3\n"
+                              "a_total{x=\"2\"} 0\n" +
+                                 ownMetrics(0, 0, 2));
+}
+
+TEST(MetricsRegistry, ShowsAHistogramWithBucketsThatAddUp) {
+   Registry registry;
+   Histogram histogram({10, 20});
+   for (const std::uint64_t value : {5, 15, 16, 1000}) {
+      histogram.observe(value);
+   }
+   const Registration registration =
+      registry.registrationNew({{"sizes", "Sizes", &histogram, {{"bus", "3"}}}});
+   EXPECT_EQ(shown(registry), "# HELP sizes Sizes\n"
+                              "# TYPE sizes histogram\n"
+                              "sizes_count{bus=\"3\"} 4\n"
+                              "sizes_sum{bus=\"3\"} 1036\n"
+                              "sizes_bucket{bus=\"3\",le=\"10\"} 1\n"
+                              "sizes_bucket{bus=\"3\",le=\"20\"} 3\n"
+                              "sizes_bucket{bus=\"3\",le=\"+Inf\"} 4\n" +
+                                 ownMetrics(0, 0, 5));
+}
+
+TEST(MetricsRegistry, ShowsAHistogramsValuesInItsShownUnit) {
+   Registry registry;
+   Histogram histogram({50'000, 1'000'000'000}, 1'000'000'000);
+   histogram.observe(500'000'000);
+   const Registration registration =
+      registry.registrationNew({{"transfer_seconds", "", &histogram}});
+   const std::string page = shown(registry);
+   EXPECT_THAT(page, HasSubstr("transfer_seconds_sum 0.5\n"));
+   EXPECT_THAT(page, HasSubstr("transfer_seconds_bucket{le=\"1\"} 1\n"));
+   EXPECT_THAT(page, testing::ContainsRegex("transfer_seconds_bucket.le=.(5e-05|0.00005)"));
+}
+
+TEST(MetricsRegistry, HistogramCountsForTheLimitWithAllItsSeries) {
+   Registry registry(Registry::Limits{.series = 5});
+   const Histogram histogram({1, 2});
+   Counter counter;
+   Registration whole = registry.registrationNew({{"h", "", &histogram}});
+   EXPECT_TRUE(whole.isRegistered());
+   EXPECT_FALSE(registry.registrationNew({{"a_total", "", &counter}}).isRegistered());
+   whole = Registration();
+   const Registration one = registry.registrationNew({{"a_total", "", &counter}});
+   EXPECT_TRUE(one.isRegistered());
+   EXPECT_FALSE(registry.registrationNew({{"h", "", &histogram}}).isRegistered());
+   EXPECT_THAT(shown(registry), HasSubstr(ownMetrics(2, 0, 1)));
+}
+
+TEST(MetricsRegistry, HistogramAndCounterOfOneNameAreRefused) {
+   const std::string reason = "metric a: it cannot be a counter and a histogram";
+   Counter counter;
+   const Histogram histogram({1});
+   EXPECT_EQ(refusal({{"a", "", &counter, {{"x", "1"}}}, {"a", "", &histogram, {{"x", "2"}}}}),
+             reason);
+   EXPECT_EQ(refusal({{"a", "", &counter, {{"x", "2"}}}, {"a", "", &histogram, {{"x", "1"}}}}),
+             reason);
+   Registry registry;
+   const Registration kept = registry.registrationNew({{"a", "", &histogram}});
+   EXPECT_THROW(
+      static_cast<void>(registry.registrationNew(
+         {{"b_total", "", &counter}, {"a", "", &counter, {{"x", "1"}}}, {"c", "", &counter}})),
+      std::invalid_argument);
+   EXPECT_THAT(shown(registry), HasSubstr(ownMetrics(0, 0, 4)));
+   EXPECT_THAT(shown(registry), Not(HasSubstr("b_total")));
+}
+
+TEST(MetricsRegistry, TheLabelOfBoundsIsTheHistogramsOwn) {
+   Counter counter;
+   const Histogram histogram({1});
+   EXPECT_EQ(refusal({{"a", "", &counter}}, {{"le", "1"}}), "accepted");
+   EXPECT_EQ(refusal({{"a", "", &histogram}}, {{"le", "1"}}),
+             "metric a: the label le says the bounds of a histogram");
+}
+
 TEST(MetricsRegistry, LabelValuesAreEscaped) {
    Registry registry;
    Counter counter;
@@ -154,8 +240,12 @@ TEST(MetricsRegistry, ItsOwnNamesAreRefused) {
              "metric tarn_metrics_series: names that begin with tarn_metrics_ are the registry's");
 }
 
-TEST(MetricsRegistry, NullCounterIsRefused) {
-   EXPECT_EQ(refusal({{"a", "", nullptr}}), "metric a: the counter is null");
+TEST(MetricsRegistry, NullIsRefused) {
+   EXPECT_EQ(refusal({{"a", "", static_cast<const Histogram*>(nullptr)}}),
+             "metric a: there is none, but null");
+   EXPECT_EQ(refusal({{"a", "", static_cast<const SharedCounter*>(nullptr)}}),
+             "metric a: there is none, but null");
+   EXPECT_EQ(refusal({{"a", "", nullptr}}), "metric a: there is none, but null");
 }
 
 TEST(MetricsRegistry, LabelGivenTwiceIsRefused) {
