@@ -9,7 +9,7 @@
 
 #include <fmt/format.h>
 
-#include "tools/tarnsim/BoardParser.h"
+#include "board/SimulatedBoardParser.h"
 #include "tools/tarnsim/ControlClient.h"
 #include "tools/tarnsim/ExitCode.h"
 #include "tools/tarnsim/Failure.h"
@@ -126,7 +126,7 @@ int run(const std::vector<std::string>& arguments, bool& clean) {
       if (!options.command.empty()) {
          failUsage("--check runs no command");
       }
-      (void)boardFromFile(options.board);
+      (void)Board::simulatedBoardFromFile(options.board);
       return 0;
    }
    if (options.command.empty()) {

@@ -1,6 +1,6 @@
 #include "tools/tarnsim/I2cDevice.h"
 
-#include <iterator>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -8,23 +8,11 @@
 
 namespace TarnSim {
 
-I2cDevice::I2cDevice(const I2cSpec& spec)
+I2cDevice::I2cDevice(const Board::I2cSpec& spec,
+                     std::shared_ptr<Hardware::SimulatedI2cDevice> model)
    : SimulatedDevice(spec.name), _place(fmt::format("i2c {} {:#04x} {}", spec.bus, spec.address,
                                                     Hardware::simulatedI2cKindToString(spec.kind))),
-     _model(std::make_shared<Hardware::SimulatedI2cDevice>(spec.kind, spec.addressUnit)) {
-   if (spec.model) {
-      _model->registersAre(*spec.model);
-   }
-   for (const auto& [address, value] : spec.values) {
-      _model->registerIs(address, value);
-   }
-   Hardware::FaultPlan& plan = _model->faults();
-   for (const Hardware::Fault& fault : spec.faults) {
-      plan.add(fault);
-   }
-   plan.delayIs(spec.delay);
-   plan.lostIs(!spec.present);
-}
+     _model(std::move(model)) {}
 
 std::optional<std::uint32_t> I2cDevice::addressOf(std::string_view name) const {
    return _model->addressOf(name);

@@ -2,8 +2,8 @@
 
 #include <memory>
 
+#include "board/SimulatedBoard.h"
 #include "platform/hardware/SimulatedI2cDevice.h"
-#include "tools/tarnsim/Board.h"
 #include "tools/tarnsim/SimulatedDevice.h"
 
 namespace TarnSim {
@@ -11,7 +11,8 @@ namespace TarnSim {
 /// An I2C device of the board.
 class I2cDevice : public SimulatedDevice {
 public:
-   explicit I2cDevice(const I2cSpec& spec);
+   /// What `model` simulates is `spec`.
+   I2cDevice(const Board::I2cSpec& spec, std::shared_ptr<Hardware::SimulatedI2cDevice> model);
 
    const std::shared_ptr<Hardware::SimulatedI2cDevice>& model() const noexcept { return _model; }
 

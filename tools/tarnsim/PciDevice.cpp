@@ -19,7 +19,7 @@ constexpr std::size_t chunk = 1 << 16;
 
 } // namespace
 
-PciDevice::PciDevice(PciSpec spec) : SimulatedDevice(spec.name), _spec(std::move(spec)) {}
+PciDevice::PciDevice(Board::PciSpec spec) : SimulatedDevice(spec.name), _spec(std::move(spec)) {}
 
 std::string PciDevice::path() const {
    return fmt::format("/sys/bus/pci/devices/{}/resource{}", _spec.function, _spec.resource);

@@ -3,8 +3,8 @@
 #include <mutex>
 #include <vector>
 
+#include "board/SimulatedBoard.h"
 #include "TarnRegFile/Utils.h"
-#include "tools/tarnsim/Board.h"
 #include "tools/tarnsim/SimulatedDevice.h"
 
 namespace TarnSim {
@@ -14,7 +14,7 @@ namespace TarnSim {
 /// file: accesses to a mapping of it then are real bus errors.
 class PciDevice : public SimulatedDevice {
 public:
-   explicit PciDevice(PciSpec spec);
+   explicit PciDevice(Board::PciSpec spec);
 
    std::string path() const;
 
@@ -34,7 +34,7 @@ public:
 private:
    void _check(std::uint32_t address) const;
 
-   const PciSpec _spec;
+   const Board::PciSpec _spec;
    mutable std::mutex _mutex;
    TarnRegFile::Utils::UnixFdRes _file{-1};
    bool _lost = false;

@@ -11,7 +11,7 @@
 #include <optional>
 #include <utility>
 
-#include "tools/tarnsim/BoardParser.h"
+#include "board/SimulatedBoardParser.h"
 #include "tools/tarnsim/SystemError.h"
 
 namespace TarnSim {
@@ -41,7 +41,7 @@ std::optional<int> statusOf(pid_t process) {
 
 int Session::run(bool& clean) {
    clean = true;
-   const Board board = boardFromFile(_options.board);
+   const Board::SimulatedBoard board = Board::simulatedBoardFromFile(_options.board);
    auto simulation = std::make_unique<Simulation>(board);
    if (!_options.wireLog.empty()) {
       UnixFdRes log(::open(_options.wireLog.c_str(),

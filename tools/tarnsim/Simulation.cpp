@@ -14,31 +14,30 @@
 
 namespace TarnSim {
 
-Simulation::Simulation(const Board& board) {
+Simulation::Simulation(const Board::SimulatedBoard& board) {
    _addI2c(board);
    _addSpi(board);
    _addPci(board);
 }
 
-void Simulation::_addI2c(const Board& board) {
-   for (const I2cSpec& spec : board.i2c) {
-      auto& bus = _i2cBuses[spec.bus];
-      if (!bus) {
-         bus = std::make_shared<Hardware::SimulatedI2cBus>();
+void Simulation::_addI2c(const Board::SimulatedBoard& board) {
+   _i2cBuses = Board::simulatedI2cBuses(board);
+   std::set<std::string> seen;
+   for (const Board::I2cSpec& spec : board.i2c) {
+      const auto& bus = _i2cBuses.at(spec.bus);
+      if (seen.insert(spec.bus).second) {
          ++_buses;
          auto node = std::make_unique<I2cNode>(bus);
          _files.push_back({.path = spec.bus, .node = node.get()});
          _nodes.push_back(std::move(node));
       }
-      auto device = std::make_unique<I2cDevice>(spec);
-      bus->deviceIs(spec.address, device->model());
-      _devices.push_back(std::move(device));
+      _devices.push_back(std::make_unique<I2cDevice>(spec, bus->device(spec.address)));
    }
 }
 
-void Simulation::_addSpi(const Board& board) {
+void Simulation::_addSpi(const Board::SimulatedBoard& board) {
    std::map<unsigned, std::shared_ptr<BusQueue>> controllers;
-   for (const SpiSpec& spec : board.spi) {
+   for (const Board::SpiSpec& spec : board.spi) {
       auto& controller = controllers[spec.controller];
       if (!controller) {
          controller = std::make_shared<BusQueue>();
@@ -52,9 +51,9 @@ void Simulation::_addSpi(const Board& board) {
    }
 }
 
-void Simulation::_addPci(const Board& board) {
+void Simulation::_addPci(const Board::SimulatedBoard& board) {
    std::set<std::string> functions;
-   for (const PciSpec& spec : board.pci) {
+   for (const Board::PciSpec& spec : board.pci) {
       auto device = std::make_unique<PciDevice>(spec);
       _files.push_back({.path = device->path(), .pci = device.get()});
       if (functions.insert(spec.function).second && (spec.vendor != 0 || spec.device != 0)) {

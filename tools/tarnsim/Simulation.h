@@ -7,9 +7,10 @@
 #include <string_view>
 #include <vector>
 
+#include "board/SimulatedBoard.h"
+#include "board/SimulatedI2cBuses.h"
 #include "platform/hardware/SimulatedI2cBus.h"
 #include "TarnRegFile/Utils.h"
-#include "tools/tarnsim/Board.h"
 #include "tools/tarnsim/BusNode.h"
 #include "tools/tarnsim/PciDevice.h"
 #include "tools/tarnsim/SimulatedDevice.h"
@@ -28,7 +29,7 @@ public:
       std::string text{};
    };
 
-   explicit Simulation(const Board& board);
+   explicit Simulation(const Board::SimulatedBoard& board);
 
    const std::vector<File>& files() const noexcept { return _files; }
    const std::vector<std::unique_ptr<SimulatedDevice>>& devices() const noexcept {
@@ -46,12 +47,12 @@ public:
    void wireLogIs(TarnRegFile::Utils::UnixFdRes file);
 
 private:
-   void _addI2c(const Board& board);
-   void _addSpi(const Board& board);
-   void _addPci(const Board& board);
+   void _addI2c(const Board::SimulatedBoard& board);
+   void _addSpi(const Board::SimulatedBoard& board);
+   void _addPci(const Board::SimulatedBoard& board);
 
    std::vector<std::unique_ptr<SimulatedDevice>> _devices;
-   std::map<std::string, std::shared_ptr<Hardware::SimulatedI2cBus>> _i2cBuses; // by path
+   Board::SimulatedI2cBuses _i2cBuses;
    std::vector<std::unique_ptr<BusNode>> _nodes;
    std::vector<File> _files;
    std::size_t _buses = 0;

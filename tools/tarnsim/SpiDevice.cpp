@@ -12,7 +12,7 @@
 
 namespace TarnSim {
 
-SpiDevice::SpiDevice(const SpiSpec& spec)
+SpiDevice::SpiDevice(const Board::SpiSpec& spec)
    : SimulatedDevice(spec.name), _spec(spec),
      _model(Platform::make<Hardware::SimulatedSpiDevice>(spec.name)) {
    for (const auto& [address, value] : spec.values) {

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "board/SimulatedBoard.h"
 #include "platform/entity/Ptr.h"
 #include "platform/hardware/FaultPlan.h"
 #include "platform/hardware/SimulatedSpiDevice.h"
-#include "tools/tarnsim/Board.h"
 #include "tools/tarnsim/SimulatedDevice.h"
 
 namespace TarnSim {
@@ -20,7 +20,7 @@ class SpiDevice : public SimulatedDevice {
 public:
    static constexpr std::size_t journalCapacity = 4096;
 
-   explicit SpiDevice(const SpiSpec& spec);
+   explicit SpiDevice(const Board::SpiSpec& spec);
 
    /// One message, chip select held: `out` goes out, `in`, which is as long, comes back. Returns 0
    /// or an errno. Sleeps for the device's delay.
@@ -37,7 +37,7 @@ public:
    void journalClear() override;
 
 private:
-   const SpiSpec _spec;
+   const Board::SpiSpec _spec;
    Hardware::FaultPlan _faults;
    mutable std::mutex _mutex;
    // The model is for one thread: used under the mutex, and its count never changes.

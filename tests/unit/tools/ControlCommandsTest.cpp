@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/tarnsim/BoardParser.h"
+#include "board/SimulatedBoardParser.h"
 
 namespace TarnSim {
 namespace {
@@ -15,10 +15,10 @@ class ControlCommandsTest : public testing::Test {
 protected:
    ControlCommands::Answer run(std::string_view line) { return commands.run(line); }
 
-   Simulation simulation{
-      boardFromText("[simulate.i2c.a]\nbus = \"/dev/i2c-3\"\naddress = 0x50\nkind = \"word\"\n"
-                    "[simulate.spi.s]\ndevice = \"/dev/spidev0.0\"\n",
-                    "b.toml")};
+   Simulation simulation{Board::simulatedBoardFromText(
+      "[simulate.i2c.a]\nbus = \"/dev/i2c-3\"\naddress = 0x50\nkind = \"word\"\n"
+      "[simulate.spi.s]\ndevice = \"/dev/spidev0.0\"\n",
+      "b.toml")};
    ControlCommands commands{simulation};
 };
 

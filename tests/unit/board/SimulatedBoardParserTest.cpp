@@ -1,22 +1,21 @@
-#include "tools/tarnsim/BoardParser.h"
+#include "board/SimulatedBoardParser.h"
 
 #include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "board/FileError.h"
 #include "tests/support/TempDir.h"
-#include "tools/tarnsim/Failure.h"
 
-namespace TarnSim {
+namespace Board {
 namespace {
 
 std::string failureOf(const std::string& text) {
    try {
-      boardFromText(text, "b.toml");
-   } catch (const Failure& failure) {
-      EXPECT_EQ(failure.code(), ExitCode::failure);
-      return failure.what();
+      simulatedBoardFromText(text, "b.toml");
+   } catch (const FileError& error) {
+      return error.what();
    }
    return "none";
 }
@@ -25,12 +24,13 @@ const std::string i2c =
    "[simulate.i2c.a]\nbus = \"/dev/i2c-3\"\naddress = 0x50\nkind = \"block\"\n";
 const std::string pci = "[simulate.pci.a]\nfunction = \"0000:03:00.0\"\nsize = 64\n";
 
-TEST(BoardParser, ReadsAnI2cDevice) {
-   const Board board = boardFromText(i2c + "address_unit = 4\ndelay_us = 7\npresent = false\n"
-                                           "values = { 0x10 = 0xffffffff, 17 = 2 }\n"
-                                           "faults = [{ kind = \"wrong\", direction = \"read\", "
-                                           "first = 2, count = 3, mask = 1 }]\n",
-                                     "b.toml");
+TEST(SimulatedBoardParser, ReadsAnI2cDevice) {
+   const SimulatedBoard board =
+      simulatedBoardFromText(i2c + "address_unit = 4\ndelay_us = 7\npresent = false\n"
+                                   "values = { 0x10 = 0xffffffff, 17 = 2 }\n"
+                                   "faults = [{ kind = \"wrong\", direction = \"read\", "
+                                   "first = 2, count = 3, mask = 1 }]\n",
+                             "b.toml");
    ASSERT_EQ(board.i2c.size(), 1u);
    const I2cSpec& spec = board.i2c[0];
    EXPECT_EQ(spec.name, "a");
@@ -49,8 +49,8 @@ TEST(BoardParser, ReadsAnI2cDevice) {
    EXPECT_EQ(spec.faults[0].xorMask, 1);
 }
 
-TEST(BoardParser, ReadsSpiAndPciDevices) {
-   const Board board = boardFromText(
+TEST(SimulatedBoardParser, ReadsSpiAndPciDevices) {
+   const SimulatedBoard board = simulatedBoardFromText(
       pci + "resource = 2\nvendor = 0x1af4\ndevice = 0x1110\nvalues = { 0x3c = 1 }\n"
             "[simulate.spi.b]\ndevice = \"/dev/spidev12.3\"\nvalues = { 0xff = 0xffff }\n",
       "b.toml");
@@ -63,26 +63,27 @@ TEST(BoardParser, ReadsSpiAndPciDevices) {
    EXPECT_EQ(board.spi[0].controller, 12u);
 }
 
-TEST(BoardParser, LeavesTheTablesOfOtherProgramsAlone) {
-   EXPECT_EQ(boardFromText("title = 1\n[devices.x]\nlist = 3\n" + i2c, "b.toml").i2c.size(), 1u);
+TEST(SimulatedBoardParser, LeavesTheTablesOfOtherProgramsAlone) {
+   EXPECT_EQ(
+      simulatedBoardFromText("title = 1\n[devices.x]\nlist = 3\n" + i2c, "b.toml").i2c.size(), 1u);
 }
 
-TEST(BoardParser, NamesOfAListStandForAddresses) {
+TEST(SimulatedBoardParser, NamesOfAListStandForAddresses) {
    const TestSupport::TempDir dir;
    const std::string list = dir.path("list.csv");
    std::ofstream(list) << "number,name,type,writeable,width\n2,SCRATCH,scratch,true,32\n";
    const std::string named = "list = \"list.csv\"\nvalues = { SCRATCH = 5 }\n";
    const std::string file = dir.path("b.toml");
-   EXPECT_EQ(boardFromText(i2c + named, file).i2c[0].values.at(0).first, 2u);
-   EXPECT_EQ(boardFromText(pci + named, file).pci[0].values.at(0).first, 8u);
-   EXPECT_THROW(boardFromText(i2c + "list = \"list.csv\"\nvalues = { OTHER = 5 }\n", file),
-                Failure);
-   EXPECT_THROW(boardFromText(i2c + "list = \"none.csv\"\n", file), Failure);
+   EXPECT_EQ(simulatedBoardFromText(i2c + named, file).i2c[0].values.at(0).first, 2u);
+   EXPECT_EQ(simulatedBoardFromText(pci + named, file).pci[0].values.at(0).first, 8u);
+   EXPECT_THROW(simulatedBoardFromText(i2c + "list = \"list.csv\"\nvalues = { OTHER = 5 }\n", file),
+                FileError);
+   EXPECT_THROW(simulatedBoardFromText(i2c + "list = \"none.csv\"\n", file), FileError);
    std::ofstream(list) << "number,name,type,writeable,width\n2,X[3:0],scratch,true,32\n";
-   EXPECT_THROW(boardFromText(i2c + "list = \"list.csv\"\n", file), Failure);
+   EXPECT_THROW(simulatedBoardFromText(i2c + "list = \"list.csv\"\n", file), FileError);
 }
 
-TEST(BoardParser, SaysWhereAMistakeIs) {
+TEST(SimulatedBoardParser, SaysWhereAMistakeIs) {
    EXPECT_EQ(failureOf(i2c + "adress = 1\n"), "b.toml:5:1: [simulate.i2c.a] has no key 'adress'");
    EXPECT_EQ(failureOf("[simulate.i2c.a]\n"), "b.toml:1:1: [simulate.i2c.a] needs the key 'bus'");
    EXPECT_EQ(failureOf(i2c + "delay_us = \"x\"\n"), "b.toml:5:12: 'delay_us' must be an integer");
@@ -102,7 +103,7 @@ TEST(BoardParser, SaysWhereAMistakeIs) {
              "b.toml:5:27: a fault has no key 'mask'");
 }
 
-TEST(BoardParser, RefusesWhatIsNoPlaceForADevice) {
+TEST(SimulatedBoardParser, RefusesWhatIsNoPlaceForADevice) {
    for (const char* bus : {"/dev/null", "/dev/i2c-", "/dev/i2c-03", "/dev/i2c-3/..", "i2c-3",
                            "/dev/i2c-99999999999999999999"}) {
       const std::string text =
@@ -119,20 +120,20 @@ TEST(BoardParser, RefusesWhatIsNoPlaceForADevice) {
    }
 }
 
-TEST(BoardParser, RefusesTwoDevicesInOnePlaceOrOfOneName) {
+TEST(SimulatedBoardParser, RefusesTwoDevicesInOnePlaceOrOfOneName) {
    const std::string twin =
       "[simulate.i2c.b]\nbus = \"/dev/i2c-3\"\naddress = 0x50\nkind = \"word\"\n";
    EXPECT_EQ(failureOf(i2c + twin), "b.toml:7:11: 'a' is at 0x50 of /dev/i2c-3 already");
    EXPECT_EQ(failureOf(i2c + pci), "b.toml:5:15: there are two devices named 'a'");
 }
 
-TEST(BoardParser, RefusesAFileWithNothingToSimulate) {
+TEST(SimulatedBoardParser, RefusesAFileWithNothingToSimulate) {
    EXPECT_EQ(failureOf(""), "b.toml:1:1: there is no [simulate] table: nothing to simulate");
    EXPECT_EQ(failureOf("[simulate]\n"), "b.toml:1:1: there is no device to simulate");
    EXPECT_EQ(failureOf("simulate = 3\n"), "b.toml:1:12: 'simulate' must be a table");
 }
 
-TEST(BoardParser, HostileTextIsAnErrorAndNoMore) {
+TEST(SimulatedBoardParser, HostileTextIsAnErrorAndNoMore) {
    EXPECT_NE(failureOf(std::string(100000, '[')), "none");
    EXPECT_NE(failureOf("a = " + std::string(100000, '[')), "none");
    EXPECT_NE(failureOf(std::string("\0\xff\xfe", 3)), "none");
@@ -142,10 +143,10 @@ TEST(BoardParser, HostileTextIsAnErrorAndNoMore) {
    }
 }
 
-TEST(BoardParser, AFileMustBeARegularOne) {
-   EXPECT_THROW(boardFromFile("/dev/zero"), Failure);
-   EXPECT_THROW(boardFromFile("/nonexistent/board.toml"), Failure);
+TEST(SimulatedBoardParser, AFileMustBeARegularOne) {
+   EXPECT_THROW(simulatedBoardFromFile("/dev/zero"), FileError);
+   EXPECT_THROW(simulatedBoardFromFile("/nonexistent/board.toml"), FileError);
 }
 
 } // namespace
-} // namespace TarnSim
+} // namespace Board

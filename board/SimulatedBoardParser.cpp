@@ -1,4 +1,4 @@
-#include "tools/tarnsim/BoardParser.h"
+#include "board/SimulatedBoardParser.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -17,14 +17,10 @@
 #include "board/TomlTable.h"
 #include "TarnRegFile/RegisterFileChecker.h"
 #include "TarnRegFile/RegisterFileHelper.h"
-#include "tools/tarnsim/Failure.h"
 
-namespace TarnSim {
+namespace Board {
 
 namespace {
-
-using ::Board::shown;
-using ::Board::TomlTable;
 
 constexpr std::uint64_t maxPciSize = std::uint64_t{1} << 30;
 constexpr std::int64_t maxDelay = 3'600'000'000; // an hour, in microseconds
@@ -40,7 +36,7 @@ std::optional<unsigned> takeDecimal(std::string_view& text) {
    if (digits == 0 || digits > 6 || (digits > 1 && text[0] == '0')) {
       return std::nullopt;
    }
-   const auto number = ::Board::numberFrom(text.substr(0, digits));
+   const auto number = numberFrom(text.substr(0, digits));
    text.remove_prefix(digits);
    return static_cast<unsigned>(*number);
 }
@@ -90,10 +86,10 @@ class Parser {
 public:
    explicit Parser(const std::string& path) : _file(path) {}
 
-   Board parse(const toml::table& root) {
+   SimulatedBoard parse(const toml::table& root) {
       const toml::node* simulate = root.get("simulate");
       if (!simulate) {
-         throw ::Board::FileError(
+         throw FileError(
             fmt::format("{}:1:1: there is no [simulate] table: nothing to simulate", _file));
       }
       const TomlTable file(_file, root, "the file");
@@ -182,7 +178,7 @@ private:
    }
 
    std::uint64_t _address(const TomlTable& reader, const DeviceSpec& spec, const toml::key& key) {
-      if (const auto number = ::Board::numberFrom(key.str())) {
+      if (const auto number = numberFrom(key.str())) {
          return *number;
       }
       const auto* record = spec.model ? spec.model->findRegister(key.str()) : nullptr;
@@ -205,7 +201,7 @@ private:
                         fmt::format("{}:{}: this array cannot be expanded", shown(path), line));
          }
          return TarnRegFile::RegFileHelper::RegFileHelperIs("list")->parseCsv(path, unit);
-      } catch (const ::Board::FileError&) {
+      } catch (const FileError&) {
          throw;
       } catch (const std::exception& error) {
          reader.fail(node.source(), fmt::format("{}: {}", shown(path), error.what()));
@@ -342,27 +338,23 @@ private:
    }
 
    const std::string& _file;
-   Board _board;
+   SimulatedBoard _board;
    std::set<std::string> _names;
    std::string _name; // of the device that is being read
 };
 
 } // namespace
 
-Board boardFromText(std::string_view text, const std::string& path) {
-   try {
-      return Parser(path).parse(::Board::tomlFromText(text, path));
-   } catch (const ::Board::FileError& error) {
-      throw Failure(error.what());
-   }
+SimulatedBoard simulatedBoardFromToml(const toml::table& root, const std::string& path) {
+   return Parser(path).parse(root);
 }
 
-Board boardFromFile(const std::string& path) {
-   try {
-      return Parser(path).parse(::Board::tomlFromFile(path));
-   } catch (const ::Board::FileError& error) {
-      throw Failure(error.what());
-   }
+SimulatedBoard simulatedBoardFromText(std::string_view text, const std::string& path) {
+   return simulatedBoardFromToml(tomlFromText(text, path), path);
 }
 
-} // namespace TarnSim
+SimulatedBoard simulatedBoardFromFile(const std::string& path) {
+   return simulatedBoardFromToml(tomlFromFile(path), path);
+}
+
+} // namespace Board

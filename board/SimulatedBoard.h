@@ -11,7 +11,7 @@
 #include "platform/hardware/HardwareRegisterFile.h"
 #include "platform/hardware/SimulatedI2cDevice.h"
 
-namespace TarnSim {
+namespace Board {
 
 /// What all simulated devices of a board file have in common. Plain values, as are all here.
 struct DeviceSpec {
@@ -44,10 +44,10 @@ struct PciSpec : DeviceSpec {
 };
 
 /// What a board file says about what is to be simulated.
-struct Board {
+struct SimulatedBoard {
    std::vector<I2cSpec> i2c;
    std::vector<SpiSpec> spi;
    std::vector<PciSpec> pci;
 };
 
-} // namespace TarnSim
+} // namespace Board
