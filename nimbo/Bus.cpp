@@ -1,0 +1,143 @@
+#include "nimbo/Bus.h"
+
+#include <array>
+#include <atomic>
+#include <system_error>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "nimbo/Transaction.h"
+#include "platform/trace/Trace.h"
+
+namespace Nimbo {
+
+namespace {
+
+TARN_TRACE_SOURCE(traceSource, "nimbo/Bus");
+
+/// The time between a backend's begin() and end().
+class Turn {
+public:
+   explicit Turn(BusBackend& backend) : _backend(backend) { _backend.begin(); }
+   ~Turn() { _backend.end(); }
+   Turn(const Turn&) = delete;
+   Turn& operator=(const Turn&) = delete;
+
+private:
+   BusBackend& _backend;
+};
+
+/// Each bus of the process has its own: what a connection has had of one that went, at a reload,
+/// must not count against it on another in the same memory.
+std::uint64_t serialNew() noexcept {
+   static std::atomic<std::uint64_t> latest = 0;
+   return ++latest;
+}
+
+std::atomic<std::size_t> aliveCount = 0;
+
+} // namespace
+
+Bus::Bus(BusConfig config, std::unique_ptr<BusBackend> backend)
+   : _config(std::move(config)), _backend(std::move(backend)), _queue(serialNew()) {
+   ++aliveCount;
+}
+
+Bus::~Bus() {
+   --aliveCount;
+}
+
+std::size_t Bus::alive() noexcept {
+   return aliveCount;
+}
+
+bool Bus::enter(Transaction& transaction) {
+   const std::scoped_lock lock(_mutex);
+   if (_isBusy) {
+      _queue.push(transaction, transaction.flow(), transaction.run());
+      return false;
+   }
+   _queue.pass(transaction.flow(), transaction.run());
+   _isBusy = true;
+   _busySince = transaction.begin();
+   return true;
+}
+
+Transaction* Bus::next() {
+   const std::scoped_lock lock(_mutex);
+   if (_queue.empty()) {
+      _isBusy = false;
+      return nullptr;
+   }
+   _busySince = std::chrono::steady_clock::now();
+   return &_queue.take();
+}
+
+void Bus::run(Transaction& transaction) {
+   _transactions.Inc();
+   int error = 0;
+   try {
+      const Turn turn(*_backend);
+      for (std::size_t left = transaction.run(); left > 0; --left) {
+         TARN_TRACE(traceSource, 9, "run", "Transaction {:#x}: {}, master type {}",
+                    transaction.xid(), transaction.shown(),
+                    static_cast<int>(transaction.request().mastertype()));
+         _requests.Inc();
+         error = _do(transaction);
+         if (error != 0) {
+            break;
+         }
+         transaction.done();
+      }
+   } catch (const std::system_error& failure) {
+      _failed(transaction, failure.what());
+      return;
+   }
+   if (error != 0) {
+      _failed(transaction, fmt::format("{} ({})", std::generic_category().message(error), error));
+   }
+}
+
+int Bus::_do(Transaction& transaction) {
+   const Smbus::Request& request = transaction.request();
+   const AddressWord& where = transaction.where();
+   std::array<std::uint8_t, 4> bytes = {};
+   for (std::size_t i = 0; i < where.offsetBytes; ++i) {
+      bytes[i] = static_cast<std::uint8_t>(where.offset >> (8 * (where.offsetBytes - 1 - i)));
+   }
+   const std::span offset = std::span(bytes).first(where.offsetBytes);
+   if (request.type() == Smbus::REQUEST_TYPE_READ) {
+      return _backend->read(where.device, offset, transaction.responseNew(request.length()));
+   }
+   transaction.responseNew(0);
+   const std::string& data = request.data();
+   return _backend->write(where.device, offset,
+                          {reinterpret_cast<const std::uint8_t*>(data.data()), data.size()});
+}
+
+void Bus::_failed(Transaction& transaction, const std::string& reason) {
+   _failures.Inc();
+   transaction.fail(reason);
+   TARN_TRACE(traceSource, 3, "run", "Transaction {:#x}: {}", transaction.xid(),
+              transaction.error());
+   const std::scoped_lock lock(_mutex);
+   _lastFailure = Failure{transaction.error(), std::chrono::system_clock::now()};
+}
+
+std::size_t Bus::waiting() const {
+   const std::scoped_lock lock(_mutex);
+   return _queue.size();
+}
+
+std::optional<std::chrono::steady_clock::time_point> Bus::busySince() const {
+   const std::scoped_lock lock(_mutex);
+   return _isBusy ? std::optional(_busySince) : std::nullopt;
+}
+
+std::optional<Bus::Failure> Bus::lastFailure() const {
+   const std::scoped_lock lock(_mutex);
+   return _lastFailure;
+}
+
+} // namespace Nimbo

@@ -1,0 +1,113 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "nimbo/BusTable.h"
+#include "nimbo/Connection.h"
+#include "nimbo/WorkerPool.h"
+#include "platform/entity/EventLoop.h"
+#include "platform/entity/FdWatch.h"
+#include "platform/entity/Timer.h"
+#include "platform/metrics/Counter.h"
+
+namespace Nimbo {
+
+/// Serves clients: takes connections in on the event loop's thread, and transactions on a pool of
+/// threads, one more than there are buses.
+///
+/// A transaction is done by the thread that received it if its bus is free, and otherwise waits
+/// for its turn in the bus's queue. Its response goes out before the next frame of the connection
+/// is looked at; so the transactions of a connection are answered in order, and those of different
+/// connections take turns.
+///
+/// All calls on the event loop's thread, but for the status.
+class Server {
+public:
+   /// Says whether a client may be served, by its socket, and fills in who it is.
+   using Admission = std::function<bool(int fd, std::string& peer)>;
+
+   struct ConnectionStatus {
+      std::uint64_t id;
+      std::string peer;
+      std::uint64_t transactions;
+   };
+
+   struct Counters {
+      Platform::Metrics::Counter accepted; ///< connections served
+      Platform::Metrics::Counter refused;  ///< not admitted
+      Platform::Metrics::Counter overLimit;
+   };
+
+   Server(Platform::EventLoop& loop, std::size_t maxConnections, Admission admission);
+
+   /// Ends all threads, waiting for those that have a bus.
+   ~Server();
+   Server(const Server&) = delete;
+   Server& operator=(const Server&) = delete;
+
+   /// The buses from now on. Transactions that have begun keep theirs. Throws std::system_error if
+   /// there can be no more threads; the new buses are then served nevertheless.
+   void busesAre(std::shared_ptr<const BusTable> buses);
+   std::shared_ptr<const BusTable> buses() const;
+
+   /// Takes connections in at a listening socket, which stays the caller's and has to outlive the
+   /// server or stop().
+   void listenAt(int fd);
+
+   /// Takes in no more connections and no more transactions, and calls `stopped`, once and on the
+   /// loop, when those that have begun are answered.
+   void stop(std::function<void()> stopped);
+
+   // Any thread.
+
+   std::vector<ConnectionStatus> connections() const;
+   const Counters& counters() const noexcept { return _counters; }
+
+   /// Connections ended because what came was no request.
+   std::uint64_t malformed() const noexcept { return _malformed.load(std::memory_order_relaxed); }
+
+private:
+   void _accept();
+   void _ready(Connection& connection, std::uint32_t events) noexcept;
+   void _serve(Connection& connection);
+   void _work(Bus& bus, Transaction& first);
+   void _carryOn(Transaction& transaction);
+   void _answer(Transaction& transaction);
+   void _answered(Connection& connection, Connection::Sent sent);
+   void _arm(Connection& connection, std::uint32_t events);
+   void _endMalformed(Connection& connection, const std::string& why);
+   void _end(Connection& connection, const char* why);
+   void _begun() noexcept { _active.fetch_add(1); }
+   void _over();
+
+   Platform::EventLoop& _loop;
+   const std::size_t _maxConnections;
+   const Admission _admission;
+   std::unique_ptr<Platform::FdWatch> _listener;
+   Platform::Timer _acceptAgain;
+   std::uint64_t _latestId = 0;
+   std::function<void()> _stopped;
+   Counters _counters;
+
+   std::atomic<bool> _stopping = false;
+   std::atomic<std::size_t> _active = 0; // transactions received and not answered
+   std::atomic<std::uint64_t> _malformed = 0;
+
+   mutable std::mutex _busesMutex;
+   std::shared_ptr<const BusTable> _buses;
+
+   mutable std::mutex _connectionsMutex;
+   std::unordered_map<std::uint64_t, std::unique_ptr<Connection>> _connections;
+
+   WorkerPool _pool; // its threads use all of the above
+};
+
+} // namespace Nimbo

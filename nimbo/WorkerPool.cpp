@@ -1,0 +1,169 @@
+#include "nimbo/WorkerPool.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <utility>
+
+#include "platform/entity/Errors.h"
+
+namespace Nimbo {
+
+namespace {
+
+TarnRegFile::Utils::UnixFdRes checked(int fd, const char* what) {
+   if (fd < 0) {
+      Platform::throwErrno(what);
+   }
+   return TarnRegFile::Utils::UnixFdRes(fd);
+}
+
+/// While it lives, threads that are started have all signals blocked: they are for the thread that
+/// runs the event loop.
+class SignalsBlocked {
+public:
+   SignalsBlocked() {
+      ::sigset_t all;
+      ::sigfillset(&all);
+      ::pthread_sigmask(SIG_SETMASK, &all, &_before);
+   }
+   ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
+   SignalsBlocked(const SignalsBlocked&) = delete;
+   SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+   ::sigset_t _before = {};
+};
+
+} // namespace
+
+WorkerPool::WorkerPool(Handler handler)
+   : _handler(std::move(handler)), _epoll(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1")),
+     _wake(checked(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE), "eventfd")) {
+   ::epoll_event event = {};
+   event.events = EPOLLIN;
+   event.data.ptr = nullptr;
+   if (::epoll_ctl(_epoll.fd(), EPOLL_CTL_ADD, _wake.fd(), &event) < 0) {
+      Platform::throwErrno("epoll_ctl");
+   }
+}
+
+WorkerPool::~WorkerPool() {
+   std::vector<std::thread> threads;
+   {
+      const std::scoped_lock lock(_mutex);
+      _stopping = true;
+      threads.swap(_threads);
+   }
+   // Nobody takes this back, so it wakes them all.
+   ::eventfd_write(_wake.fd(), 1);
+   for (std::thread& thread : threads) {
+      thread.join();
+   }
+   _joinEnded();
+}
+
+void WorkerPool::sizeIs(std::size_t size) {
+   _joinEnded();
+   const SignalsBlocked blocked;
+   const std::scoped_lock lock(_mutex);
+   _size = size;
+   while (_threads.size() < size) {
+      _threads.emplace_back([this] { _run(); });
+   }
+   for (std::size_t surplus = _threads.size() - size; surplus > 0; --surplus) {
+      _posted.emplace_back([] {}); // has one of them look
+   }
+   if (!_posted.empty()) {
+      ::eventfd_write(_wake.fd(), _posted.size());
+   }
+}
+
+std::size_t WorkerPool::size() const {
+   const std::scoped_lock lock(_mutex);
+   return _size;
+}
+
+void WorkerPool::add(int fd, void* tag, std::uint32_t events) {
+   ::epoll_event event = {};
+   event.events = events | EPOLLONESHOT;
+   event.data.ptr = tag;
+   if (::epoll_ctl(_epoll.fd(), EPOLL_CTL_ADD, fd, &event) < 0) {
+      Platform::throwErrno("epoll_ctl");
+   }
+}
+
+void WorkerPool::arm(int fd, void* tag, std::uint32_t events) {
+   ::epoll_event event = {};
+   event.events = events | EPOLLONESHOT;
+   event.data.ptr = tag;
+   if (::epoll_ctl(_epoll.fd(), EPOLL_CTL_MOD, fd, &event) < 0) {
+      Platform::throwErrno("epoll_ctl");
+   }
+}
+
+void WorkerPool::post(std::function<void()> work) {
+   {
+      const std::scoped_lock lock(_mutex);
+      _posted.push_back(std::move(work));
+   }
+   ::eventfd_write(_wake.fd(), 1);
+}
+
+void WorkerPool::_run() {
+   while (_mayGoOn()) {
+      // One at a time: what else is ready is for the other threads, should this one be held up.
+      ::epoll_event event = {};
+      if (::epoll_wait(_epoll.fd(), &event, 1, -1) != 1) {
+         continue; // EINTR, of a debugger
+      }
+      if (event.data.ptr) {
+         _handler(event.data.ptr, event.events);
+      } else {
+         _takePosted();
+      }
+   }
+}
+
+bool WorkerPool::_mayGoOn() {
+   const std::scoped_lock lock(_mutex);
+   if (_stopping || _threads.size() <= _size) {
+      return !_stopping;
+   }
+   const auto self = std::find_if(_threads.begin(), _threads.end(), [](const std::thread& thread) {
+      return thread.get_id() == std::this_thread::get_id();
+   });
+   _ended.push_back(std::move(*self));
+   _threads.erase(self);
+   return false;
+}
+
+void WorkerPool::_takePosted() {
+   std::function<void()> work;
+   {
+      const std::scoped_lock lock(_mutex);
+      if (_stopping || _posted.empty()) {
+         return;
+      }
+      work = std::move(_posted.front());
+      _posted.pop_front();
+   }
+   ::eventfd_t count = 0;
+   ::eventfd_read(_wake.fd(), &count);
+   work();
+}
+
+void WorkerPool::_joinEnded() {
+   std::vector<std::thread> ended;
+   {
+      const std::scoped_lock lock(_mutex);
+      ended.swap(_ended);
+   }
+   for (std::thread& thread : ended) {
+      thread.join();
+   }
+}
+
+} // namespace Nimbo
