@@ -18,6 +18,19 @@ Connection::Connection(std::uint64_t id, TarnRegFile::Utils::UnixFdRes fd, std::
 
 Connection::~Connection() = default;
 
+bool Connection::take() noexcept {
+   return (_state.fetch_or(owned | ready, std::memory_order_acq_rel) & owned) == 0;
+}
+
+bool Connection::release() noexcept {
+   std::uint8_t expected = owned;
+   return _state.compare_exchange_strong(expected, 0, std::memory_order_acq_rel);
+}
+
+bool Connection::isDrained() const noexcept {
+   return _isDrained && _reader.state() == FrameReader::State::partial;
+}
+
 Connection::Received Connection::receive() {
    for (;;) {
       switch (_reader.state()) {
@@ -29,26 +42,39 @@ Connection::Received Connection::receive() {
       case FrameReader::State::partial:
          break;
       }
+      // What comes from here on is told anew.
+      _state.fetch_and(static_cast<std::uint8_t>(~ready), std::memory_order_acq_rel);
       const std::span<std::uint8_t> space = _reader.space();
       const ::ssize_t count = ::recv(fd(), space.data(), space.size(), MSG_DONTWAIT);
       if (count > 0) {
          _reader.received(static_cast<std::size_t>(count));
-      } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
-         return Received::end;
-      } else if (errno == EAGAIN) {
+         _isDrained = static_cast<std::size_t>(count) < space.size();
+         if (isDrained()) {
+            return Received::nothing;
+         }
+      } else if (count < 0 && errno == EAGAIN) {
+         _isDrained = true;
          return Received::nothing;
+      } else if (count == 0 || errno != EINTR) {
+         return Received::end;
       }
    }
 }
 
-Connection::Sent Connection::answer() {
+void Connection::answerIs() {
    _transactions.Inc();
    _transaction.response(_frame);
+   _transaction.over();
    _sent = 0;
-   return goOn();
 }
 
-Connection::Sent Connection::goOn() {
+Connection::Sent Connection::send() {
+   if (_awaitsRoom) {
+      // Room that comes from here on is told anew; so may be input, which is then looked for after
+      // this, told or not.
+      _state.fetch_and(static_cast<std::uint8_t>(~ready), std::memory_order_acq_rel);
+      _isDrained = false;
+   }
    while (isAnswering()) {
       const ::ssize_t count =
          ::send(fd(), _frame.data() + _sent, _frame.size() - _sent, MSG_DONTWAIT | MSG_NOSIGNAL);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -15,8 +16,9 @@ namespace Nimbo {
 /// has not taken yet. What it can make the daemon hold is bounded by that: nothing more is read
 /// until the response is gone.
 ///
-/// Used by one thread at a time: the one that its socket was found ready on, or that has the bus
-/// that its transaction is for. The first three of its operations may be used by any.
+/// Used by one thread at a time, its owner. That is whoever took it when its socket became ready,
+/// until that one releases it or leaves it, with its transaction, in the queue of a bus: then it is
+/// whoever has the bus. The operations up to take() may be used by any thread.
 class Connection {
 public:
    enum class Received : std::uint8_t {
@@ -43,18 +45,34 @@ public:
 
    int fd() const noexcept { return _fd.fd(); }
 
+   /// The socket has become ready. True: the calling thread is the owner now. False: there is an
+   /// owner, and it will know.
+   [[nodiscard]] bool take() noexcept;
+
+   /// There is nothing left to do until the socket becomes ready. False: it has meanwhile, and the
+   /// calling thread still is the owner.
+   [[nodiscard]] bool release() noexcept;
+
+   /// Whether everything that had come by the time of the latest take() or failed release() has
+   /// been received, and there is no frame in it.
+   bool isDrained() const noexcept;
+
    /// Looks whether there is a frame, receiving what is there if need be. Never waits.
    Received receive();
    FrameReader& reader() noexcept { return _reader; }
 
    Transaction& transaction() noexcept { return _transaction; }
 
-   /// Sends the transaction's response, or as much of it as goes.
-   Sent answer();
-
-   /// Whether a response is still to be sent, and sends more of it.
+   /// The transaction is over: makes its response what is to be sent.
+   void answerIs();
    bool isAnswering() const noexcept { return _sent < _frame.size(); }
-   Sent goOn();
+
+   /// Sends as much of the response as goes.
+   Sent send();
+
+   /// Whether the socket is watched for room to send; for who does the watching.
+   bool awaitsRoom() const noexcept { return _awaitsRoom; }
+   void awaitsRoomIs(bool awaits) noexcept { _awaitsRoom = awaits; }
 
 private:
    const std::uint64_t _id;
@@ -64,7 +82,13 @@ private:
    Transaction _transaction;
    std::string _frame; // the response
    std::size_t _sent = 0;
+   bool _isDrained = false;
+   bool _awaitsRoom = false;
+   std::atomic<std::uint8_t> _state = 0; // of the bits below
    Platform::Metrics::Counter _transactions;
+
+   static constexpr std::uint8_t owned = 1;
+   static constexpr std::uint8_t ready = 2; // there has been an event that nobody acted upon
 };
 
 } // namespace Nimbo

@@ -22,6 +22,9 @@ TARN_TRACE_SOURCE(traceSource, "nimbo/Server");
 /// How long no connection is taken in after the system had nothing left for one.
 constexpr auto acceptPause = std::chrono::milliseconds(100);
 
+/// Steps of one connection in a row.
+constexpr int mostRounds = 64;
+
 std::string errorText(int error) {
    return std::generic_category().message(error);
 }
@@ -37,9 +40,7 @@ Server::Server(Platform::EventLoop& loop, std::size_t maxConnections, Admission 
                      }
                   }),
      _buses(std::make_shared<const BusTable>(std::vector<std::shared_ptr<Bus>>())),
-     _pool([this](void* tag, std::uint32_t events) {
-        _ready(*static_cast<Connection*>(tag), events);
-     }) {
+     _pool([this](std::span<const std::uint64_t> tags) { _ready(tags); }) {
    _pool.sizeIs(1);
 }
 
@@ -83,14 +84,13 @@ void Server::_accept() {
       TARN_TRACE(traceSource, 0, "accept", "Refused {}: not on the list", peer);
       return;
    }
-   Connection* connection = nullptr;
+   std::shared_ptr<Connection> connection;
    {
       const std::scoped_lock lock(_connectionsMutex);
       if (_connections.size() < _maxConnections) {
          const std::uint64_t id = ++_latestId;
-         auto& entry = _connections[id];
-         entry = std::make_unique<Connection>(id, std::move(client), peer);
-         connection = entry.get();
+         connection = std::make_shared<Connection>(id, std::move(client), peer);
+         _connections.emplace(id, connection);
       }
    }
    if (!connection) {
@@ -102,128 +102,162 @@ void Server::_accept() {
    _counters.accepted.Inc();
    TARN_TRACE(traceSource, 3, "accept", "Connection {}: {}", connection->id(), peer);
    try {
-      _pool.add(connection->fd(), connection, EPOLLIN);
+      _pool.add(connection->fd(), connection->id(), EPOLLIN);
    } catch (const std::system_error& error) {
       _end(*connection, error.what());
    }
 }
 
-void Server::_ready(Connection& connection, std::uint32_t) noexcept {
-   // An error or a hang-up shows when the socket is used.
-   if (connection.isAnswering()) {
-      _answered(connection, connection.goOn());
-      return;
+void Server::_ready(std::span<const std::uint64_t> tags) noexcept {
+   // First all are received from, which takes no time; then one bus is worked on, which may.
+   Transaction* mine = nullptr;
+   for (const std::uint64_t tag : tags) {
+      std::shared_ptr<Connection> connection;
+      {
+         const std::scoped_lock lock(_connectionsMutex);
+         if (const auto entry = _connections.find(tag); entry != _connections.end()) {
+            connection = entry->second;
+         }
+      }
+      if (!connection || !connection->take()) {
+         continue;
+      }
+      if (Transaction* transaction = _serve(*connection)) {
+         if (mine) {
+            _workElsewhere(*transaction);
+         } else {
+            mine = transaction;
+         }
+      }
    }
-   _serve(connection);
+   if (mine) {
+      _work(*mine);
+   }
 }
 
-void Server::_serve(Connection& connection) {
-   switch (connection.receive()) {
-   case Connection::Received::nothing:
-      _arm(connection, EPOLLIN);
-      return;
-   case Connection::Received::end:
-      _end(connection, connection.reader().empty()
-                          ? "the client has gone"
-                          : "the client has gone in the middle of a frame");
-      return;
-   case Connection::Received::broken: {
-      const FrameReader& reader = connection.reader();
-      _endMalformed(connection, reader.state() == FrameReader::State::wrongKind
-                                   ? fmt::format("a frame of kind {} instead of {}", reader.kind(),
-                                                 static_cast<int>(FrameKind::request))
-                                   : fmt::format("a frame of {} bytes; at most {} are possible",
-                                                 reader.length(), FrameReader::longestRequest));
-      return;
-   }
-   case Connection::Received::frame:
-      break;
-   }
-
-   _begun();
-   if (_stopping) {
-      _end(connection, "the daemon stops");
-      _over();
-      return;
-   }
-   Transaction& transaction = connection.transaction();
-   const bool isMessage = transaction.parse(connection.reader().payload());
-   connection.reader().next();
-   if (!isMessage) {
-      _endMalformed(connection, "a frame whose message cannot be read");
-      _over();
-      return;
-   }
-   transaction.plan(buses());
-   Bus* const bus = transaction.bus();
-   if (!bus) {
+/// For the connection's owner: takes it as far as it goes without waiting. Returns the transaction
+/// for which the calling thread now has a bus, or null. In both cases the thread is the owner no
+/// longer, but as the one who has the bus.
+Transaction* Server::_serve(Connection& connection) {
+   // One client's endless row of requests that need no bus must not hold up the others' here.
+   for (int round = 0; round < mostRounds; ++round) {
+      if (connection.isAnswering() && !_isOpenAfterSending(connection)) {
+         return nullptr;
+      }
+      if (connection.isAnswering() || connection.isDrained()) {
+         if (connection.release()) {
+            return nullptr;
+         }
+         if (connection.isAnswering()) {
+            continue;
+         }
+      }
+      switch (connection.receive()) {
+      case Connection::Received::nothing:
+         continue;
+      case Connection::Received::end:
+         _end(connection, connection.reader().empty()
+                             ? "the client has gone"
+                             : "the client has gone in the middle of a frame");
+         return nullptr;
+      case Connection::Received::broken: {
+         const FrameReader& reader = connection.reader();
+         _endMalformed(connection,
+                       reader.state() == FrameReader::State::wrongKind
+                          ? fmt::format("a frame of kind {} instead of {}", reader.kind(),
+                                        static_cast<int>(FrameKind::request))
+                          : fmt::format("a frame of {} bytes; at most {} are possible",
+                                        reader.length(), FrameReader::longestRequest));
+         return nullptr;
+      }
+      case Connection::Received::frame:
+         break;
+      }
+      Transaction& transaction = connection.transaction();
+      _begun();
+      if (_stopping) {
+         _end(connection, "the daemon stops");
+         _over();
+         return nullptr;
+      }
+      const bool isMessage = transaction.parse(connection.reader().payload());
+      connection.reader().next();
+      if (!isMessage) {
+         _endMalformed(connection, "a frame whose message cannot be read");
+         _over();
+         return nullptr;
+      }
+      transaction.plan(buses());
+      if (Bus* const bus = transaction.bus()) {
+         return bus->enter(transaction) ? &transaction : nullptr;
+      }
       if (transaction.failed()) {
          TARN_TRACE(traceSource, 3, "serve", "Transaction {:#x}: {}", transaction.xid(),
                     transaction.error());
       }
-      _answer(transaction);
-   } else if (bus->enter(transaction)) {
-      _work(*bus, transaction);
+      connection.answerIs();
    }
+   _pool.post([this, &connection] {
+      if (Transaction* transaction = _serve(connection)) {
+         _work(*transaction);
+      }
+   });
+   return nullptr;
 }
 
-void Server::_work(Bus& bus, Transaction& first) {
+/// Sends what there is to send. False: the connection is no more.
+bool Server::_isOpenAfterSending(Connection& connection) {
+   const Connection::Sent sent = connection.send();
+   const char* end = nullptr;
+   if (sent == Connection::Sent::gone) {
+      end = "the client has gone before its answer";
+   } else if (sent == Connection::Sent::all && _stopping) {
+      end = "the daemon stops";
+   } else if (const bool isPart = sent == Connection::Sent::part;
+              connection.awaitsRoom() != isPart) {
+      try {
+         _pool.eventsAre(connection.fd(), connection.id(), isPart ? EPOLLIN | EPOLLOUT : EPOLLIN);
+         connection.awaitsRoomIs(isPart);
+      } catch (const std::system_error&) {
+         end = "the system has no memory for it";
+      }
+   }
+   if (end) {
+      _end(connection, end);
+   }
+   if (end || sent == Connection::Sent::all) {
+      _over();
+   }
+   return !end;
+}
+
+/// For the thread that has the bus which `first` is for: does it and all that wait for the bus.
+void Server::_work(Transaction& first) {
+   Bus& bus = *first.bus();
    // The bus may go, with its last transaction, as soon as it is given back.
    const std::shared_ptr<const BusTable> keep = first.buses();
    for (Transaction* each = &first; each; each = bus.next()) {
       bus.run(*each);
       if (each->bus()) {
          // It goes on at another bus, which may be slow: not on the thread that has this one.
-         _pool.post([this, each] { _carryOn(*each); });
-      } else {
-         _answer(*each);
+         _pool.post([this, each] {
+            if (each->bus()->enter(*each)) {
+               _work(*each);
+            }
+         });
+         continue;
+      }
+      Connection& connection = each->connection();
+      connection.answerIs();
+      if (Transaction* next = _serve(connection)) {
+         _workElsewhere(*next);
       }
    }
 }
 
-void Server::_carryOn(Transaction& transaction) {
-   Bus& bus = *transaction.bus();
-   if (bus.enter(transaction)) {
-      _work(bus, transaction);
-   }
-}
-
-void Server::_answer(Transaction& transaction) {
-   Connection& connection = transaction.connection();
-   const Connection::Sent sent = connection.answer();
-   transaction.over();
-   _answered(connection, sent);
-}
-
-void Server::_answered(Connection& connection, Connection::Sent sent) {
-   switch (sent) {
-   case Connection::Sent::part:
-      _arm(connection, EPOLLOUT);
-      return;
-   case Connection::Sent::gone:
-      _end(connection, "the client has gone before its answer");
-      _over();
-      return;
-   case Connection::Sent::all:
-      break;
-   }
-   if (_stopping) {
-      _end(connection, "the daemon stops");
-   } else if (connection.reader().state() == FrameReader::State::partial) {
-      _arm(connection, EPOLLIN);
-   } else {
-      // The next frame has come already. This thread may have a bus, on which others wait.
-      _pool.post([this, &connection] { _serve(connection); });
-   }
-   _over();
-}
-
-void Server::_arm(Connection& connection, std::uint32_t events) {
-   try {
-      _pool.arm(connection.fd(), &connection, events);
-   } catch (const std::system_error& error) {
-      _end(connection, error.what());
-   }
+/// Has another thread do what this one has a bus for.
+void Server::_workElsewhere(Transaction& transaction) {
+   _pool.post([this, &transaction] { _work(transaction); });
 }
 
 void Server::_endMalformed(Connection& connection, const std::string& why) {
@@ -236,8 +270,13 @@ void Server::_endMalformed(Connection& connection, const std::string& why) {
 void Server::_end(Connection& connection, const char* why) {
    TARN_TRACE(traceSource, 3, "end", "Connection {} of {} is closed: {}", connection.id(),
               connection.peer(), why);
+   // It stays taken, so that a thread that is only just told of an event leaves it alone.
+   std::shared_ptr<Connection> last;
    const std::scoped_lock lock(_connectionsMutex);
-   _connections.erase(connection.id());
+   if (const auto entry = _connections.find(connection.id()); entry != _connections.end()) {
+      last = std::move(entry->second);
+      _connections.erase(entry);
+   }
 }
 
 void Server::_over() {

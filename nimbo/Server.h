@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -24,7 +25,7 @@ namespace Nimbo {
 /// threads, one more than there are buses.
 ///
 /// A transaction is done by the thread that received it if its bus is free, and otherwise waits
-/// for its turn in the bus's queue. Its response goes out before the next frame of the connection
+/// for its turn in the bus's queue. Its response is sent before the next frame of the connection
 /// is looked at; so the transactions of a connection are answered in order, and those of different
 /// connections take turns.
 ///
@@ -76,13 +77,11 @@ public:
 
 private:
    void _accept();
-   void _ready(Connection& connection, std::uint32_t events) noexcept;
-   void _serve(Connection& connection);
-   void _work(Bus& bus, Transaction& first);
-   void _carryOn(Transaction& transaction);
-   void _answer(Transaction& transaction);
-   void _answered(Connection& connection, Connection::Sent sent);
-   void _arm(Connection& connection, std::uint32_t events);
+   void _ready(std::span<const std::uint64_t> tags) noexcept;
+   Transaction* _serve(Connection& connection);
+   bool _isOpenAfterSending(Connection& connection);
+   void _work(Transaction& first);
+   void _workElsewhere(Transaction& transaction);
    void _endMalformed(Connection& connection, const std::string& why);
    void _end(Connection& connection, const char* why);
    void _begun() noexcept { _active.fetch_add(1); }
@@ -105,7 +104,7 @@ private:
    std::shared_ptr<const BusTable> _buses;
 
    mutable std::mutex _connectionsMutex;
-   std::unordered_map<std::uint64_t, std::unique_ptr<Connection>> _connections;
+   std::unordered_map<std::uint64_t, std::shared_ptr<Connection>> _connections;
 
    WorkerPool _pool; // its threads use all of the above
 };

@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <utility>
 
@@ -12,6 +13,9 @@
 namespace Nimbo {
 
 namespace {
+
+constexpr int batch = 16;            // descriptors that a thread takes at a time
+constexpr std::uint64_t wakeTag = 0; // the pool's own descriptor
 
 TarnRegFile::Utils::UnixFdRes checked(int fd, const char* what) {
    if (fd < 0) {
@@ -42,12 +46,7 @@ private:
 WorkerPool::WorkerPool(Handler handler)
    : _handler(std::move(handler)), _epoll(checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1")),
      _wake(checked(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE), "eventfd")) {
-   ::epoll_event event = {};
-   event.events = EPOLLIN;
-   event.data.ptr = nullptr;
-   if (::epoll_ctl(_epoll.fd(), EPOLL_CTL_ADD, _wake.fd(), &event) < 0) {
-      Platform::throwErrno("epoll_ctl");
-   }
+   _control(EPOLL_CTL_ADD, _wake.fd(), wakeTag, EPOLLIN);
 }
 
 WorkerPool::~WorkerPool() {
@@ -86,20 +85,19 @@ std::size_t WorkerPool::size() const {
    return _size;
 }
 
-void WorkerPool::add(int fd, void* tag, std::uint32_t events) {
-   ::epoll_event event = {};
-   event.events = events | EPOLLONESHOT;
-   event.data.ptr = tag;
-   if (::epoll_ctl(_epoll.fd(), EPOLL_CTL_ADD, fd, &event) < 0) {
-      Platform::throwErrno("epoll_ctl");
-   }
+void WorkerPool::add(int fd, std::uint64_t tag, std::uint32_t events) {
+   _control(EPOLL_CTL_ADD, fd, tag, events | EPOLLET);
 }
 
-void WorkerPool::arm(int fd, void* tag, std::uint32_t events) {
+void WorkerPool::eventsAre(int fd, std::uint64_t tag, std::uint32_t events) {
+   _control(EPOLL_CTL_MOD, fd, tag, events | EPOLLET);
+}
+
+void WorkerPool::_control(int operation, int fd, std::uint64_t tag, std::uint32_t events) {
    ::epoll_event event = {};
-   event.events = events | EPOLLONESHOT;
-   event.data.ptr = tag;
-   if (::epoll_ctl(_epoll.fd(), EPOLL_CTL_MOD, fd, &event) < 0) {
+   event.events = events;
+   event.data.u64 = tag;
+   if (::epoll_ctl(_epoll.fd(), operation, fd, &event) < 0) {
       Platform::throwErrno("epoll_ctl");
    }
 }
@@ -113,15 +111,25 @@ void WorkerPool::post(std::function<void()> work) {
 }
 
 void WorkerPool::_run() {
+   std::array<::epoll_event, batch> events;
+   std::array<std::uint64_t, batch> tags;
    while (_mayGoOn()) {
-      // One at a time: what else is ready is for the other threads, should this one be held up.
-      ::epoll_event event = {};
-      if (::epoll_wait(_epoll.fd(), &event, 1, -1) != 1) {
-         continue; // EINTR, of a debugger
+      const int count = ::epoll_wait(_epoll.fd(), events.data(), batch, -1);
+      std::size_t ready = 0;
+      bool isPosted = false;
+      for (int i = 0; i < count; ++i) {
+         const std::uint64_t tag = events[static_cast<std::size_t>(i)].data.u64;
+         if (tag == wakeTag) {
+            isPosted = true;
+         } else {
+            tags[ready++] = tag;
+         }
       }
-      if (event.data.ptr) {
-         _handler(event.data.ptr, event.events);
-      } else {
+      // Posted work is told of until somebody has taken it: first what only this thread knows of.
+      if (ready > 0) {
+         _handler(std::span(tags).first(ready));
+      }
+      if (isPosted) {
          _takePosted();
       }
    }

@@ -5,6 +5,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <span>
 #include <thread>
 #include <vector>
 
@@ -16,12 +17,13 @@ namespace Nimbo {
 /// on one of them. With one thread more than there are things that can block, there is always one
 /// that takes what comes next.
 ///
-/// A descriptor is armed for one event at a time, so that whoever is called for it has it to
-/// itself until arming it again.
+/// Descriptors are watched for changes, each of which is told once: whoever is told has to take all
+/// that there is. Two threads may be told of the same descriptor, one after the other.
 class WorkerPool {
 public:
-   /// Events as epoll has them. Called on the pool's threads. Must not throw.
-   using Handler = std::function<void(void* tag, std::uint32_t events)>;
+   /// Told the tags of descriptors that have become ready, none of them 0. Called on the pool's
+   /// threads. Must not throw, and not wait before it has dealt with all of them.
+   using Handler = std::function<void(std::span<const std::uint64_t> tags)>;
 
    /// Throws std::system_error if the system gives no descriptors.
    explicit WorkerPool(Handler handler);
@@ -38,12 +40,12 @@ public:
    void sizeIs(std::size_t size);
    std::size_t size() const;
 
-   /// Waits once for `events` (EPOLLIN, EPOLLOUT) on a descriptor that the pool does not know yet.
-   /// `tag`, not null, is what the handler is told. Any thread. Throws std::system_error.
-   void add(int fd, void* tag, std::uint32_t events);
+   /// Watches for `events` (EPOLLIN, EPOLLOUT) on a descriptor until it is closed. `tag`, not 0, is
+   /// what the handler is told. Any thread. Throws std::system_error.
+   void add(int fd, std::uint64_t tag, std::uint32_t events);
 
-   /// The same for one that it knows. A descriptor that is closed is forgotten.
-   void arm(int fd, void* tag, std::uint32_t events);
+   /// The same for one that is watched already. What is ready at the time is told anew.
+   void eventsAre(int fd, std::uint64_t tag, std::uint32_t events);
 
    /// Has `work`, which must not throw, called on one of the threads. Any thread.
    void post(std::function<void()> work);
@@ -52,6 +54,7 @@ private:
    void _run();
    bool _mayGoOn();
    void _takePosted();
+   void _control(int operation, int fd, std::uint64_t tag, std::uint32_t events);
    void _joinEnded();
 
    const Handler _handler;
