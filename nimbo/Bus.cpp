@@ -37,10 +37,31 @@ std::uint64_t serialNew() noexcept {
 
 std::atomic<std::size_t> aliveCount = 0;
 
+/// From what a simulated bus takes to what a controller's driver waits, in nanoseconds.
+std::vector<std::uint64_t> latencyBounds() {
+   return {10'000,        20'000,        50'000,        100'000,       200'000,
+           500'000,       1'000'000,     2'000'000,     5'000'000,     10'000'000,
+           20'000'000,    50'000'000,    100'000'000,   200'000'000,   500'000'000,
+           1'000'000'000, 2'000'000'000, 5'000'000'000, 10'000'000'000};
+}
+
+constexpr std::uint64_t perSecond = 1'000'000'000;
+
 } // namespace
 
-Bus::Bus(BusConfig config, std::unique_ptr<BusBackend> backend)
-   : _config(std::move(config)), _backend(std::move(backend)), _queue(serialNew()) {
+Bus::Bus(BusConfig config, std::unique_ptr<BusBackend> backend,
+         Platform::Metrics::Registry* metrics)
+   : _config(std::move(config)), _backend(std::move(backend)), _queue(serialNew()),
+     _latency(latencyBounds(), perSecond) {
+   if (metrics) {
+      _registration = metrics->registrationNew(
+         {{"nimbod_bus_transactions_total", "Transactions begun on the bus", &_transactions},
+          {"nimbod_bus_requests_total", "Requests of transactions", &_requests},
+          {"nimbod_bus_failures_total", "Transactions that failed on the bus", &_failures},
+          {"nimbod_bus_latency_seconds", "From a request's arrival to the end of its transaction",
+           &_latency}},
+         {{"bus", _config.name}});
+   }
    ++aliveCount;
 }
 
@@ -76,6 +97,12 @@ Transaction* Bus::next() {
 
 void Bus::run(Transaction& transaction) {
    _transactions.Inc();
+   _run(transaction);
+   const auto took = std::chrono::steady_clock::now() - transaction.begin();
+   _latency.observe(static_cast<std::uint64_t>(std::chrono::nanoseconds(took).count()));
+}
+
+void Bus::_run(Transaction& transaction) {
    int error = 0;
    try {
       const Turn turn(*_backend);

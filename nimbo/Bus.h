@@ -12,6 +12,9 @@
 #include "nimbo/BusConfig.h"
 #include "nimbo/FairQueue.h"
 #include "platform/metrics/Counter.h"
+#include "platform/metrics/Histogram.h"
+#include "platform/metrics/Registration.h"
+#include "platform/metrics/Registry.h"
 
 namespace Nimbo {
 
@@ -38,7 +41,9 @@ public:
       std::chrono::system_clock::time_point when;
    };
 
-   Bus(BusConfig config, std::unique_ptr<BusBackend> backend);
+   /// Shown in `metrics`, if there is one, for as long as it lives.
+   Bus(BusConfig config, std::unique_ptr<BusBackend> backend,
+       Platform::Metrics::Registry* metrics = nullptr);
    ~Bus();
 
    /// How many there are in the process: at most so many threads can be held up by them.
@@ -61,6 +66,9 @@ public:
    const Platform::Metrics::Counter& transactions() const noexcept { return _transactions; }
    const Platform::Metrics::Counter& requests() const noexcept { return _requests; }
    const Platform::Metrics::Counter& failures() const noexcept { return _failures; }
+
+   /// How long transactions took, from when the request had come, in nanoseconds.
+   const Platform::Metrics::Histogram& latency() const noexcept { return _latency; }
    std::size_t waiting() const;
 
    /// Since when a thread has had the bus for the transaction under way, if there is one.
@@ -68,6 +76,7 @@ public:
    std::optional<Failure> lastFailure() const;
 
 private:
+   void _run(Transaction& transaction);
    void _failed(Transaction& transaction, const std::string& reason);
    int _do(Transaction& transaction);
 
@@ -84,6 +93,8 @@ private:
    Platform::Metrics::Counter _transactions;
    Platform::Metrics::Counter _requests;
    Platform::Metrics::Counter _failures;
+   Platform::Metrics::Histogram _latency;
+   Platform::Metrics::Registration _registration;
 };
 
 } // namespace Nimbo
