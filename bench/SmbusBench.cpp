@@ -4,6 +4,7 @@
 //
 // Every server is a process of its own. In real time, since two processes take turns.
 
+#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -20,6 +21,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -39,6 +41,17 @@ constexpr std::size_t mostFrame = 256;
 [[noreturn]] void die(const char* what) {
    std::perror(what);
    std::abort();
+}
+
+/// Has the calling process, or thread, run on one processor only, or on all. Two that take turns
+/// are then compared without what waking another processor costs, which may be anything.
+void onOneProcessor(bool isOne) {
+   ::cpu_set_t processors;
+   CPU_ZERO(&processors);
+   for (std::size_t i = 0; i < (isOne ? 1 : CPU_SETSIZE); ++i) {
+      CPU_SET(i, &processors);
+   }
+   ::sched_setaffinity(0, sizeof(processors), &processors);
 }
 
 std::string frame(const Smbus::TransactionRequest& request) {
@@ -211,7 +224,14 @@ public:
       }
       const std::size_t request = readFrame(fastBus).size();
       const std::size_t answer = answerSize();
-      _start("ping", [=](int fd) { pingPongServer(fd, request, answer); });
+      _start("ping", [=](int fd) {
+         onOneProcessor(true);
+         pingPongServer(fd, request, answer);
+      });
+      _start("smbus-one", [](int fd) {
+         onOneProcessor(true);
+         daemonServer(fd);
+      });
       _start("echo", [=](int fd) { echoServer(fd, answer); });
       _start("smbus", daemonServer);
    }
@@ -227,10 +247,10 @@ public:
    Servers(const Servers&) = delete;
    Servers& operator=(const Servers&) = delete;
 
-   std::string path(const char* name) const { return _directory + "/" + name; }
+   std::string path(const std::string& name) const { return _directory + "/" + name; }
 
 private:
-   void _start(const char* name, const std::function<void(int)>& serve) {
+   void _start(const std::string& name, const std::function<void(int)>& serve) {
       const int fd = listening(path(name));
       const ::pid_t child = ::fork();
       if (child == 0) {
@@ -248,8 +268,8 @@ private:
 
 const Servers* servers = nullptr;
 
-void exchange(benchmark::State& state, const char* server, std::uint8_t bus = fastBus) {
-   const std::string request = readFrame(bus);
+void exchange(benchmark::State& state, const std::string& server) {
+   const std::string request = readFrame(fastBus);
    const std::size_t answer = answerSize();
    const Socket socket(servers->path(server));
    for (auto _ : state) {
@@ -260,21 +280,40 @@ void exchange(benchmark::State& state, const char* server, std::uint8_t bus = fa
 }
 
 void barePingPong(benchmark::State& state) {
+   onOneProcessor(true);
    exchange(state, "ping");
+   onOneProcessor(false);
+}
+
+void daemonPingPong(benchmark::State& state) {
+   onOneProcessor(true);
+   exchange(state, "smbus-one");
+   onOneProcessor(false);
+}
+
+/// While others have the hanging bus in use and wait for it.
+void daemonPingPongBesideHangingBus(benchmark::State& state) {
+   std::vector<std::unique_ptr<Socket>> others;
+   for (int i = 0; i < 4; ++i) {
+      others.push_back(std::make_unique<Socket>(servers->path("smbus-one")));
+      others.back()->send(readFrame(hangingBus));
+   }
+   daemonPingPong(state);
 }
 
 void bareEcho(benchmark::State& state) {
    exchange(state, "echo");
 }
 
-void daemonFrames(benchmark::State& state) {
+void daemonThroughput(benchmark::State& state) {
    exchange(state, "smbus");
 }
 
 BENCHMARK(barePingPong)->UseRealTime();
-BENCHMARK(daemonFrames)->UseRealTime();
+BENCHMARK(daemonPingPong)->UseRealTime();
+BENCHMARK(daemonPingPongBesideHangingBus)->UseRealTime();
 BENCHMARK(bareEcho)->UseRealTime()->Threads(1)->Threads(8)->Threads(64);
-BENCHMARK(daemonFrames)->UseRealTime()->Threads(8)->Threads(64);
+BENCHMARK(daemonThroughput)->UseRealTime()->Threads(1)->Threads(8)->Threads(64);
 
 } // namespace
 

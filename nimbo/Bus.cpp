@@ -49,20 +49,24 @@ constexpr std::uint64_t perSecond = 1'000'000'000;
 
 } // namespace
 
-Bus::Bus(BusConfig config, std::unique_ptr<BusBackend> backend,
-         Platform::Metrics::Registry* metrics)
+Bus::Bus(BusConfig config, std::unique_ptr<BusBackend> backend)
    : _config(std::move(config)), _backend(std::move(backend)), _queue(serialNew()),
      _latency(latencyBounds(), perSecond) {
-   if (metrics) {
-      _registration = metrics->registrationNew(
-         {{"nimbod_bus_transactions_total", "Transactions begun on the bus", &_transactions},
-          {"nimbod_bus_requests_total", "Requests of transactions", &_requests},
-          {"nimbod_bus_failures_total", "Transactions that failed on the bus", &_failures},
-          {"nimbod_bus_latency_seconds", "From a request's arrival to the end of its transaction",
-           &_latency}},
-         {{"bus", _config.name}});
-   }
    ++aliveCount;
+}
+
+void Bus::showIn(Platform::Metrics::Registry& registry) {
+   _registration = registry.registrationNew(
+      {{"nimbod_bus_transactions_total", "Transactions begun on the bus", &_transactions},
+       {"nimbod_bus_requests_total", "Requests of transactions", &_requests},
+       {"nimbod_bus_failures_total", "Transactions that failed on the bus", &_failures},
+       {"nimbod_bus_latency_seconds", "From a request's arrival to the end of its transaction",
+        &_latency}},
+      {{"bus", _config.name}});
+}
+
+void Bus::hide() noexcept {
+   _registration = Platform::Metrics::Registration();
 }
 
 Bus::~Bus() {

@@ -41,10 +41,12 @@ public:
       std::chrono::system_clock::time_point when;
    };
 
-   /// Shown in `metrics`, if there is one, for as long as it lives.
-   Bus(BusConfig config, std::unique_ptr<BusBackend> backend,
-       Platform::Metrics::Registry* metrics = nullptr);
+   Bus(BusConfig config, std::unique_ptr<BusBackend> backend);
    ~Bus();
+
+   /// Shows the counters in `registry` until the bus goes or is hidden. One thread at a time.
+   void showIn(Platform::Metrics::Registry& registry);
+   void hide() noexcept;
 
    /// How many there are in the process: at most so many threads can be held up by them.
    static std::size_t alive() noexcept;

@@ -60,15 +60,16 @@ std::uint32_t pciBdfFrom(std::string_view text) {
    constexpr std::uint32_t mostDevice = 0x1f;
    constexpr std::uint32_t mostFunction = 7;
    const std::string_view given = text;
-   std::optional<std::uint32_t> domain = 0;
+   std::string_view domainText = "0000";
    if (text.size() == longForm.size() && text[4] == ':') {
-      domain = hexFrom(text.substr(0, 4), 4);
+      domainText = text.substr(0, 4);
       text.remove_prefix(longForm.size() - shortForm.size());
    }
    if (text.size() != shortForm.size() || text[2] != ':' || text[5] != '.') {
-      domain.reset();
+      domainText = "";
       text = shortForm;
    }
+   const auto domain = hexFrom(domainText, 4);
    const auto bus = hexFrom(text.substr(0, 2), 2);
    const auto device = hexFrom(text.substr(3, 2), 2);
    const auto function = hexFrom(text.substr(6), 1);

@@ -18,7 +18,10 @@ Connection::Connection(std::uint64_t id, TarnRegFile::Utils::UnixFdRes fd, std::
 
 Connection::~Connection() = default;
 
-bool Connection::take() noexcept {
+bool Connection::take(bool hasHungUp) noexcept {
+   if (hasHungUp) {
+      _hasHungUp.store(true, std::memory_order_relaxed); // seen with the state
+   }
    return (_state.fetch_or(owned | ready, std::memory_order_acq_rel) & owned) == 0;
 }
 
@@ -28,7 +31,8 @@ bool Connection::release() noexcept {
 }
 
 bool Connection::isDrained() const noexcept {
-   return _isDrained && _reader.state() == FrameReader::State::partial;
+   return _isDrained && !_hasHungUp.load(std::memory_order_relaxed) &&
+          _reader.state() == FrameReader::State::partial;
 }
 
 Connection::Received Connection::receive() {

@@ -45,16 +45,17 @@ public:
 
    int fd() const noexcept { return _fd.fd(); }
 
-   /// The socket has become ready. True: the calling thread is the owner now. False: there is an
-   /// owner, and it will know.
-   [[nodiscard]] bool take() noexcept;
+   /// The socket has become ready; the client has hung up if it will send nothing any more. True:
+   /// the calling thread is the owner now. False: there is an owner, and it will know.
+   [[nodiscard]] bool take(bool hasHungUp) noexcept;
 
    /// There is nothing left to do until the socket becomes ready. False: it has meanwhile, and the
    /// calling thread still is the owner.
    [[nodiscard]] bool release() noexcept;
 
    /// Whether everything that had come by the time of the latest take() or failed release() has
-   /// been received, and there is no frame in it.
+   /// been received, and there is no frame in it. Never once the client has hung up: the end is
+   /// still to be received.
    bool isDrained() const noexcept;
 
    /// Looks whether there is a frame, receiving what is there if need be. Never waits.
@@ -84,6 +85,7 @@ private:
    std::size_t _sent = 0;
    bool _isDrained = false;
    bool _awaitsRoom = false;
+   std::atomic<bool> _hasHungUp = false;
    std::atomic<std::uint8_t> _state = 0; // of the bits below
    Platform::Metrics::Counter _transactions;
 

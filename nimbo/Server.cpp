@@ -40,7 +40,7 @@ Server::Server(Platform::EventLoop& loop, std::size_t maxConnections, Admission 
                      }
                   }),
      _buses(std::make_shared<const BusTable>(std::vector<std::shared_ptr<Bus>>())),
-     _pool([this](std::span<const std::uint64_t> tags) { _ready(tags); }) {
+     _pool([this](std::span<const WorkerPool::Event> events) { _ready(events); }) {
    _pool.sizeIs(1);
 }
 
@@ -48,11 +48,9 @@ Server::~Server() = default;
 
 void Server::busesAre(std::shared_ptr<const BusTable> buses) {
    // Those that go count until the last transaction with them is over: one may be hanging.
-   {
-      const std::scoped_lock lock(_busesMutex);
-      _buses.swap(buses);
-   }
    _pool.sizeIs(Bus::alive() + 1);
+   const std::scoped_lock lock(_busesMutex);
+   _buses.swap(buses);
 }
 
 std::shared_ptr<const BusTable> Server::buses() const {
@@ -108,18 +106,18 @@ void Server::_accept() {
    }
 }
 
-void Server::_ready(std::span<const std::uint64_t> tags) noexcept {
+void Server::_ready(std::span<const WorkerPool::Event> events) noexcept {
    // First all are received from, which takes no time; then one bus is worked on, which may.
    Transaction* mine = nullptr;
-   for (const std::uint64_t tag : tags) {
+   for (const WorkerPool::Event& event : events) {
       std::shared_ptr<Connection> connection;
       {
          const std::scoped_lock lock(_connectionsMutex);
-         if (const auto entry = _connections.find(tag); entry != _connections.end()) {
+         if (const auto entry = _connections.find(event.tag); entry != _connections.end()) {
             connection = entry->second;
          }
       }
-      if (!connection || !connection->take()) {
+      if (!connection || !connection->take(event.hangUp)) {
          continue;
       }
       if (Transaction* transaction = _serve(*connection)) {
@@ -261,7 +259,7 @@ void Server::_workElsewhere(Transaction& transaction) {
 }
 
 void Server::_endMalformed(Connection& connection, const std::string& why) {
-   _malformed.fetch_add(1, std::memory_order_relaxed);
+   _counters.malformed.Inc();
    TARN_TRACE(traceSource, 0, "serve", "Ended connection {} of {}: {}", connection.id(),
               connection.peer(), why);
    _end(connection, "what came was no request");

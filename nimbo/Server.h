@@ -18,6 +18,7 @@
 #include "platform/entity/FdWatch.h"
 #include "platform/entity/Timer.h"
 #include "platform/metrics/Counter.h"
+#include "platform/metrics/SharedCounter.h"
 
 namespace Nimbo {
 
@@ -42,9 +43,10 @@ public:
    };
 
    struct Counters {
-      Platform::Metrics::Counter accepted; ///< connections served
-      Platform::Metrics::Counter refused;  ///< not admitted
-      Platform::Metrics::Counter overLimit;
+      Platform::Metrics::Counter accepted;        ///< connections served
+      Platform::Metrics::Counter refused;         ///< not admitted
+      Platform::Metrics::Counter overLimit;       ///< turned away, as there were too many
+      Platform::Metrics::SharedCounter malformed; ///< ended because what came was no request
    };
 
    Server(Platform::EventLoop& loop, std::size_t maxConnections, Admission admission);
@@ -54,8 +56,8 @@ public:
    Server(const Server&) = delete;
    Server& operator=(const Server&) = delete;
 
-   /// The buses from now on. Transactions that have begun keep theirs. Throws std::system_error if
-   /// there can be no more threads; the new buses are then served nevertheless.
+   /// The buses from now on. Transactions that have begun keep theirs. Throws std::system_error,
+   /// and changes nothing, if there can be no more threads.
    void busesAre(std::shared_ptr<const BusTable> buses);
    std::shared_ptr<const BusTable> buses() const;
 
@@ -72,12 +74,9 @@ public:
    std::vector<ConnectionStatus> connections() const;
    const Counters& counters() const noexcept { return _counters; }
 
-   /// Connections ended because what came was no request.
-   std::uint64_t malformed() const noexcept { return _malformed.load(std::memory_order_relaxed); }
-
 private:
    void _accept();
-   void _ready(std::span<const std::uint64_t> tags) noexcept;
+   void _ready(std::span<const WorkerPool::Event> events) noexcept;
    Transaction* _serve(Connection& connection);
    bool _isOpenAfterSending(Connection& connection);
    void _work(Transaction& first);
@@ -98,7 +97,6 @@ private:
 
    std::atomic<bool> _stopping = false;
    std::atomic<std::size_t> _active = 0; // transactions received and not answered
-   std::atomic<std::uint64_t> _malformed = 0;
 
    mutable std::mutex _busesMutex;
    std::shared_ptr<const BusTable> _buses;

@@ -130,8 +130,10 @@ std::span<std::uint8_t> Transaction::responseNew(std::size_t size) {
 }
 
 void Transaction::fail(std::string_view reason) {
-   _response.mutable_responses()->DeleteSubrange(
-      static_cast<int>(_next), _response.responses_size() - static_cast<int>(_next));
+   // Not what was made ready for this one.
+   while (_response.responses_size() > static_cast<int>(_next)) {
+      _response.mutable_responses()->RemoveLast();
+   }
    _response.set_failed(true);
    _response.set_error(
       fmt::format("request {} of {} ({}): {}", _next + 1, requests(), shown(), reason));

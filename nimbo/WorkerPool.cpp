@@ -86,11 +86,11 @@ std::size_t WorkerPool::size() const {
 }
 
 void WorkerPool::add(int fd, std::uint64_t tag, std::uint32_t events) {
-   _control(EPOLL_CTL_ADD, fd, tag, events | EPOLLET);
+   _control(EPOLL_CTL_ADD, fd, tag, events | EPOLLRDHUP | EPOLLET);
 }
 
 void WorkerPool::eventsAre(int fd, std::uint64_t tag, std::uint32_t events) {
-   _control(EPOLL_CTL_MOD, fd, tag, events | EPOLLET);
+   _control(EPOLL_CTL_MOD, fd, tag, events | EPOLLRDHUP | EPOLLET);
 }
 
 void WorkerPool::_control(int operation, int fd, std::uint64_t tag, std::uint32_t events) {
@@ -112,22 +112,23 @@ void WorkerPool::post(std::function<void()> work) {
 
 void WorkerPool::_run() {
    std::array<::epoll_event, batch> events;
-   std::array<std::uint64_t, batch> tags;
+   std::array<Event, batch> readyEvents;
    while (_mayGoOn()) {
       const int count = ::epoll_wait(_epoll.fd(), events.data(), batch, -1);
       std::size_t ready = 0;
       bool isPosted = false;
       for (int i = 0; i < count; ++i) {
-         const std::uint64_t tag = events[static_cast<std::size_t>(i)].data.u64;
-         if (tag == wakeTag) {
+         const ::epoll_event& event = events[static_cast<std::size_t>(i)];
+         if (event.data.u64 == wakeTag) {
             isPosted = true;
          } else {
-            tags[ready++] = tag;
+            readyEvents[ready++] = {.tag = event.data.u64,
+                                    .hangUp = (event.events & (EPOLLRDHUP | EPOLLHUP)) != 0};
          }
       }
       // Posted work is told of until somebody has taken it: first what only this thread knows of.
       if (ready > 0) {
-         _handler(std::span(tags).first(ready));
+         _handler(std::span(readyEvents).first(ready));
       }
       if (isPosted) {
          _takePosted();

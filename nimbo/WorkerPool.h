@@ -21,9 +21,15 @@ namespace Nimbo {
 /// that there is. Two threads may be told of the same descriptor, one after the other.
 class WorkerPool {
 public:
-   /// Told the tags of descriptors that have become ready, none of them 0. Called on the pool's
-   /// threads. Must not throw, and not wait before it has dealt with all of them.
-   using Handler = std::function<void(std::span<const std::uint64_t> tags)>;
+   /// A descriptor that has become ready.
+   struct Event {
+      std::uint64_t tag = 0;
+      bool hangUp = false; ///< the other end sends nothing any more
+   };
+
+   /// Told of descriptors that have become ready. Called on the pool's threads. Must not throw, and
+   /// not wait before it has dealt with all of them.
+   using Handler = std::function<void(std::span<const Event> events)>;
 
    /// Throws std::system_error if the system gives no descriptors.
    explicit WorkerPool(Handler handler);
