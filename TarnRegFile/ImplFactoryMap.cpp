@@ -10,6 +10,8 @@
 #include "TarnRegFile/I2cTransportDescriptor.h"
 #include "TarnRegFile/I2cTransportMethodImpl.h"
 #include "TarnRegFile/MockTransportMethodImpl.h"
+#include "TarnRegFile/NimboSmbusTransportDescriptor.h"
+#include "TarnRegFile/NimboSmbusTransportMethodImpl.h"
 #include "TarnRegFile/PciTransportDescriptor.h"
 #include "TarnRegFile/PciTransportMethodImpl.h"
 #include "TarnRegFile/SpiTransportDescriptor.h"
@@ -61,6 +63,13 @@ BaseTransportMethodImpl* mockImplFactory(const Ptr<BaseTransportDescriptor>&, co
    return new MockTransportMethodImpl(csvPath.c_str(), regFile);
 }
 
+BaseTransportMethodImpl* nimboImplFactory(const Ptr<BaseTransportDescriptor>& descriptor,
+                                          const String& csvPath,
+                                          const Ptr<HardwareRegisterFile>& regFile) {
+   const auto device = descriptorOfKind<NimboSmbusTransportDescriptor>(descriptor);
+   return new NimboSmbusTransportMethodImpl(*device, csvPath.c_str(), regFile);
+}
+
 BaseTransportMethodImpl* spiImplFactory(const Ptr<BaseTransportDescriptor>& descriptor,
                                         const String& csvPath,
                                         const Ptr<HardwareRegisterFile>& regFile) {
@@ -77,6 +86,10 @@ const ImplFactoryMap implFactoryMap = {
     i2cImplFactory<I2cFlavour::dataBlock>},
    {{TransportType::i2cBus, TransportProtocol::i2cDev, TransportFlavour::i2cDevFlavour2},
     i2cImplFactory<I2cFlavour::dataWord>},
+   {{TransportType::i2cBus, TransportProtocol::nimboSmbus, TransportFlavour::nimboSmbusFlavour1},
+    nimboImplFactory},
+   {{TransportType::i2cBus, TransportProtocol::nimboSmbus, TransportFlavour::nimboSmbusFlavour2},
+    nimboImplFactory},
    {{TransportType::mockBus, TransportProtocol::mockAccess, TransportFlavour::mockDefault},
     mockImplFactory},
    {{TransportType::spiBus, TransportProtocol::spiAccess, TransportFlavour::spiDefault},

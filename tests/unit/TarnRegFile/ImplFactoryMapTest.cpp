@@ -52,6 +52,8 @@ TEST(ImplFactoryMap, OnlyTheTriplesThatExistAreSupported) {
    EXPECT_FALSE(implFactoryMap.contains(key(1, 0, 0)));
    EXPECT_FALSE(implFactoryMap.contains(key(2, 0, 1)));
    EXPECT_TRUE(implFactoryMap.contains(key(4, 5, 7)));
+   EXPECT_TRUE(implFactoryMap.contains(key(0, 3, 4)));
+   EXPECT_TRUE(implFactoryMap.contains(key(0, 3, 5)));
 }
 
 TEST(ImplFactoryMap, TheMocksRowMakesAMockFromAPathOrAModel) {
