@@ -201,6 +201,15 @@ TEST_F(ConfigSourceTest, TheEnvironmentsNameIsChecked) {
    EXPECT_EQ(failure(bus), "'a/b' is no name of a file in the socket's directory");
 }
 
+TEST_F(ConfigSourceTest, TheSampleBoardCanBeServed) {
+   arguments.configFile = TARN_SOURCE_DIR "/examples/switch-board.toml";
+   ASSERT_THAT(read().buses, SizeIs(1));
+   EXPECT_FALSE(read().buses[0].simulated);
+   arguments.simulate = true;
+   EXPECT_TRUE(read().buses.at(0).simulated);
+   EXPECT_EQ(read().buses.at(0).number, 3);
+}
+
 TEST_F(ConfigSourceTest, ReadsAnewWhatHasChanged) {
    arguments.configFile = dir.write("b.toml", bus);
    const ConfigSource source(arguments);
