@@ -72,11 +72,12 @@ void WorkerPool::sizeIs(std::size_t size) {
    while (_threads.size() < size) {
       _threads.emplace_back([this] { _run(); });
    }
-   for (std::size_t surplus = _threads.size() - size; surplus > 0; --surplus) {
+   const std::size_t surplus = _threads.size() - size;
+   for (std::size_t i = 0; i < surplus; ++i) {
       _posted.emplace_back([] {}); // has one of them look
    }
-   if (!_posted.empty()) {
-      ::eventfd_write(_wake.fd(), _posted.size());
+   if (surplus > 0) {
+      ::eventfd_write(_wake.fd(), surplus);
    }
 }
 

@@ -30,7 +30,7 @@ public:
       if (::connect(fd(), reinterpret_cast<const ::sockaddr*>(&address), sizeof address) != 0) {
          throw std::runtime_error("cannot connect to " + path);
       }
-      const ::timeval patience = {5, 0};
+      const ::timeval patience = {60, 0};
       ::setsockopt(fd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
       ::setsockopt(fd(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
    }

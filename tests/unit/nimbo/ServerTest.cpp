@@ -30,7 +30,7 @@ using TestSupport::FakeSmbus;
 using TestSupport::SmbusClient;
 using TestSupport::SmbusRequests;
 
-constexpr auto patience = std::chrono::seconds(5);
+constexpr auto patience = std::chrono::seconds(60);
 
 /// A server with buses 0, 1, 2 ... that a test makes hang or fail, and clients at a real socket.
 /// The event loop runs only where a test waits; the server's threads run all the time.
