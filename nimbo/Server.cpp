@@ -32,13 +32,13 @@ std::string errorText(int error) {
 } // namespace
 
 Server::Server(Platform::EventLoop& loop, std::size_t maxConnections, Admission admission)
-   : _loop(loop), _maxConnections(maxConnections), _admission(std::move(admission)),
-     _acceptAgain(loop,
-                  [this] {
-                     if (_listener) {
-                        _listener->activeIs(true);
-                     }
-                  }),
+   : _loop(loop), _life(std::make_shared<const bool>()), _maxConnections(maxConnections),
+     _admission(std::move(admission)), _acceptAgain(loop,
+                                                    [this] {
+                                                       if (_listener) {
+                                                          _listener->activeIs(true);
+                                                       }
+                                                    }),
      _buses(std::make_shared<const BusTable>(std::vector<std::shared_ptr<Bus>>())),
      _pool([this](std::span<const WorkerPool::Event> events) { _ready(events); }) {
    _pool.sizeIs(1);
@@ -279,8 +279,9 @@ void Server::_end(Connection& connection, const char* why) {
 
 void Server::_over() {
    if (_active.fetch_sub(1) == 1 && _stopping) {
-      _loop.post([this] {
-         if (_stopped && _active == 0) {
+      // With several of them on the way, the server may go in the first.
+      _loop.post([this, life = std::weak_ptr(_life)] {
+         if (!life.expired() && _stopped && _active == 0) {
             std::exchange(_stopped, nullptr)();
          }
       });

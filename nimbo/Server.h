@@ -87,6 +87,7 @@ private:
    void _over();
 
    Platform::EventLoop& _loop;
+   const std::shared_ptr<const bool> _life; // for what is posted to the loop
    const std::size_t _maxConnections;
    const Admission _admission;
    std::unique_ptr<Platform::FdWatch> _listener;
