@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <exception>
 #include <system_error>
 #include <utility>
 
@@ -85,7 +86,9 @@ bool Bus::enter(Transaction& transaction) {
    }
    _queue.pass(transaction.flow(), transaction.run());
    _isBusy = true;
-   _busySince = transaction.begin();
+   // The time at which it came is as good as the present one, and known, unless it has been at
+   // another bus before.
+   _busySince = transaction.index() == 0 ? transaction.begin() : std::chrono::steady_clock::now();
    return true;
 }
 
@@ -121,7 +124,7 @@ void Bus::_run(Transaction& transaction) {
          }
          transaction.done();
       }
-   } catch (const std::system_error& failure) {
+   } catch (const std::exception& failure) {
       _failed(transaction, failure.what());
       return;
    }
