@@ -105,7 +105,7 @@ protected:
       }));
    }
 
-   std::uint64_t malformed() const { return server->malformed(); }
+   std::uint64_t malformed() const { return server->counters().malformed.value(); }
 
    bool hasConnections(std::size_t count) {
       return loopUntil([&] { return server->connections().size() == count; });

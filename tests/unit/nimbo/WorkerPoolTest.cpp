@@ -69,7 +69,7 @@ private:
    Count _ended;
 };
 
-void nothing(std::span<const WorkerPool::Ready>) {}
+void nothing(std::span<const WorkerPool::Event>) {}
 
 /// How much is in the counts of this process's eventfds.
 unsigned long eventCounts() {
@@ -296,12 +296,12 @@ TEST(WorkerPool, ItsThreadsHaveAllSignalsBlocked) {
 class Told {
 public:
    WorkerPool::Handler handler() {
-      return [this](std::span<const WorkerPool::Ready> ready) {
+      return [this](std::span<const WorkerPool::Event> events) {
          const std::scoped_lock lock(_mutex);
-         for (const WorkerPool::Ready& each : ready) {
+         for (const WorkerPool::Event& each : events) {
             ++_times;
             _tags.insert(each.tag);
-            _isEnd = _isEnd || each.isEnd;
+            _isEnd = _isEnd || each.hangUp;
          }
          _changed.notify_all();
       };
