@@ -14,6 +14,10 @@
 
 namespace Nimbo {
 
+/// What the name of the socket that the daemon tells its status at has more than that of its
+/// socket.
+constexpr const char* statusSuffix = ".status";
+
 /// Where a program's trace goes.
 enum class LogTarget : std::uint8_t { standardError, systemLog };
 

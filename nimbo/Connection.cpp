@@ -67,6 +67,7 @@ Connection::Received Connection::receive() {
 
 void Connection::answerIs() {
    _transactions.Inc();
+   _requests.Inc(_transaction.requests());
    _transaction.response(_frame);
    _transaction.over();
    _sent = 0;

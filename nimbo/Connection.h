@@ -42,6 +42,7 @@ public:
    std::uint64_t id() const noexcept { return _id; }
    const std::string& peer() const noexcept { return _peer; }
    const Platform::Metrics::Counter& transactions() const noexcept { return _transactions; }
+   const Platform::Metrics::Counter& requests() const noexcept { return _requests; }
 
    int fd() const noexcept { return _fd.fd(); }
 
@@ -88,6 +89,7 @@ private:
    std::atomic<bool> _hasHungUp = false;
    std::atomic<std::uint8_t> _state = 0; // of the bits below
    Platform::Metrics::Counter _transactions;
+   Platform::Metrics::Counter _requests;
 
    static constexpr std::uint8_t owned = 1;
    static constexpr std::uint8_t ready = 2; // there has been an event that nobody acted upon

@@ -35,17 +35,19 @@ Server::Admission admissionOf(const Config& config) {
       };
 }
 
-/// The service manager's, or one of our own.
-std::unique_ptr<ListeningSocket> socketOf(const Config& config) {
-   if (auto socket = ListeningSocket::activated()) {
-      return socket;
-   }
+std::unique_ptr<ListeningSocket> socketNew(const Config& config, const std::string& file) {
    return std::make_unique<ListeningSocket>(
       ListeningSocket::Place{.directory = config.socketDirectory,
-                             .file = config.socketFile,
+                             .file = file,
                              .mode = config.socketMode,
                              .owner = config.socketOwner,
                              .group = config.socketGroup});
+}
+
+/// The service manager's, or one of our own.
+std::unique_ptr<ListeningSocket> socketOf(const Config& config) {
+   auto socket = ListeningSocket::activated();
+   return socket ? std::move(socket) : socketNew(config, config.socketFile);
 }
 
 } // namespace
@@ -53,6 +55,7 @@ std::unique_ptr<ListeningSocket> socketOf(const Config& config) {
 Daemon::Daemon(Platform::EventLoop& loop, ConfigSource source)
    : _loop(loop), _source(std::move(source)), _config(_source.read()), _socket(socketOf(_config)),
      _server(loop, _config.maxConnections, admissionOf(_config)),
+     _statusDocument(_server, _socket->path(), _config.maxConnections),
      _signals(loop, {SIGTERM, SIGINT, SIGHUP}, [this](int signal) { _signal(signal); }),
      _stopTimer(loop, [this] { _giveUp("the time for that is over"); }) {
    const Server::Counters& counters = _server.counters();
@@ -69,6 +72,7 @@ Daemon::Daemon(Platform::EventLoop& loop, ConfigSource source)
       _exposer = std::make_unique<Platform::Metrics::Exposer>(_metrics, _config.metrics);
    }
    _busesAre(_config);
+   _showStatus();
    _server.listenAt(_socket->fd());
    TARN_TRACE(traceSource, 1, "start", "Serving {} at {}",
               _config.buses.size() == 1 ? "a bus" : fmt::format("{} buses", _config.buses.size()),
@@ -85,6 +89,18 @@ Daemon::~Daemon() = default;
 bool Daemon::run() {
    _loop.run();
    return _finished;
+}
+
+void Daemon::_showStatus() {
+   try {
+      _statusPlace = socketNew(_config, _config.socketFile + statusSuffix);
+      _status = std::make_unique<StatusSocket>(
+         _loop, _statusPlace->fd(), PeerPolicy(_config.allowedUsers, _config.allowedGroups),
+         [this] { return _statusDocument.text(); });
+   } catch (const std::exception& error) {
+      // The buses are what counts.
+      TARN_TRACE(traceSource, 0, "start", "There will be no status: {}", error.what());
+   }
 }
 
 void Daemon::_busesAre(const Config& config) {
@@ -157,6 +173,8 @@ void Daemon::_stop() {
       _loop.stop();
    });
    // From here on another daemon may take the place.
+   _status.reset();
+   _statusPlace.reset();
    _socket.reset();
 }
 

@@ -8,6 +8,8 @@
 #include "nimbo/ListeningSocket.h"
 #include "nimbo/Server.h"
 #include "nimbo/ServiceNotifier.h"
+#include "nimbo/StatusDocument.h"
+#include "nimbo/StatusSocket.h"
 #include "platform/entity/EventLoop.h"
 #include "platform/entity/SignalWatch.h"
 #include "platform/entity/Timer.h"
@@ -43,6 +45,7 @@ private:
    void _stop();
    void _giveUp(const char* why);
    void _busesAre(const Config& config);
+   void _showStatus();
    std::shared_ptr<Bus> _bus(const BusConfig& config) const;
 
    Platform::EventLoop& _loop;
@@ -54,6 +57,9 @@ private:
    ServiceNotifier _notifier;
    std::unique_ptr<ListeningSocket> _socket;
    Server _server;
+   StatusDocument _statusDocument;
+   std::unique_ptr<ListeningSocket> _statusPlace;
+   std::unique_ptr<StatusSocket> _status;
    Platform::Metrics::Registration _registration;
    std::unique_ptr<Platform::Metrics::Exposer> _exposer;
    Platform::SignalWatch _signals;

@@ -309,7 +309,11 @@ std::vector<Server::ConnectionStatus> Server::connections() const {
    const std::scoped_lock lock(_connectionsMutex);
    result.reserve(_connections.size());
    for (const auto& [id, connection] : _connections) {
-      result.push_back({id, connection->peer(), connection->transactions().value()});
+      ucred peer{};
+      socklen_t size = sizeof peer;
+      ::getsockopt(connection->fd(), SOL_SOCKET, SO_PEERCRED, &peer, &size);
+      result.push_back({id, connection->peer(), peer.pid, peer.uid, peer.gid,
+                        connection->transactions().value(), connection->requests().value()});
    }
    return result;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -39,7 +41,11 @@ public:
    struct ConnectionStatus {
       std::uint64_t id;
       std::string peer;
+      pid_t pid;
+      uid_t uid;
+      gid_t gid;
       std::uint64_t transactions;
+      std::uint64_t requests;
    };
 
    struct Counters {
