@@ -46,7 +46,7 @@ void Transaction::plan(std::shared_ptr<const BusTable> buses) {
       try {
          step.where = AddressWord::from(request.address());
          step.isAddressed = true;
-         _check(request, read);
+         _check(request, step.where, read);
          step.bus = _buses->find(step.where, request.pci_bdf());
          reason = step.bus ? "" : "there is no such bus";
       } catch (const std::invalid_argument& error) {
@@ -63,7 +63,8 @@ void Transaction::plan(std::shared_ptr<const BusTable> buses) {
    _isLarge = _isLarge || read > usualBytes;
 }
 
-void Transaction::_check(const Smbus::Request& request, std::size_t& read) {
+void Transaction::_check(const Smbus::Request& request, const AddressWord& where,
+                         std::size_t& read) {
    if (!Smbus::RequestType_IsValid(request.type())) {
       throw std::invalid_argument(
          fmt::format("request type {} is not known", static_cast<int>(request.type())));
@@ -88,9 +89,9 @@ void Transaction::_check(const Smbus::Request& request, std::size_t& read) {
       throw std::invalid_argument(fmt::format("the request says {} bytes, and carries {}",
                                               request.length(), request.data().size()));
    }
-   if (request.length() > longestWrite) {
+   if (const std::size_t most = longestWrite - where.offsetBytes; request.length() > most) {
       throw std::invalid_argument(
-         fmt::format("a write takes at most {} bytes, not {}", longestWrite, request.length()));
+         fmt::format("a write takes at most {} bytes, not {}", most, request.length()));
    }
 }
 

@@ -27,8 +27,8 @@ class Transaction {
 public:
    /// More than a frame of requests that do anything can hold, and what one response may carry.
    static constexpr int mostRequests = 4096;
-   static constexpr std::size_t longestRead = 8192; // the system's limit for an I2C message
-   static constexpr std::size_t longestWrite = 8192;
+   static constexpr std::size_t longestRead = 8192;  // the system's limit for an I2C message
+   static constexpr std::size_t longestWrite = 8192; // the offset's bytes included
    static constexpr std::size_t mostReadInAll = 0x10000;
 
    explicit Transaction(Connection& connection) : _connection(connection) {}
@@ -94,7 +94,7 @@ private:
       bool isAddressed = false; // `where` is the request's
    };
 
-   void _check(const Smbus::Request& request, std::size_t& read);
+   void _check(const Smbus::Request& request, const AddressWord& where, std::size_t& read);
 
    Connection& _connection;
    Flow _flow;
