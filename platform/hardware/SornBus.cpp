@@ -99,19 +99,20 @@ void SornBus::stop() {
    _delivering.clear();
    _deadlines.clear();
    // Nobody is left to throw to.
-   const auto tell = [this](const std::shared_ptr<SornJob>& job, SornStatus status, int error) {
+   const auto tell = [this](const std::shared_ptr<SornJob>& job, SornStatus status, int error,
+                            std::uint32_t value) {
       try {
-         _end(job, status, error, job->value);
+         _end(job, status, error, value);
       } catch (const std::exception& failure) {
          TARN_TRACE(traceSource, 0, "stop", "an observer failed: {}", failure.what());
       }
    };
    for (const std::shared_ptr<SornJob>& job : ended) {
-      tell(job, job->status, job->error);
+      tell(job, job->status, job->error, job->value);
    }
    for (const std::shared_ptr<SornJob>& job : cancelled) {
       job->isAbandoned = true;
-      tell(job, SornStatus::cancelled, ECANCELED);
+      tell(job, SornStatus::cancelled, ECANCELED, 0); // the worker may still be at its value
    }
 }
 
@@ -150,6 +151,8 @@ void SornBus::_work(const std::shared_ptr<SornBus>& self) {
    while (const std::shared_ptr<SornJob> job = self->_take()) {
       self->_do(*job);
    }
+   // Handles and requests may keep the bus for long; what it holds open they need no more.
+   self->_backend.reset();
 }
 
 /// Puts what was done last on the list, and waits for the next job. Null: there will be none.

@@ -66,7 +66,7 @@ private:
 
    Platform::EventLoop& _loop; // not after stop()
    const String _name;
-   const std::unique_ptr<SornBackend> _backend; // the worker's
+   std::unique_ptr<SornBackend> _backend; // the worker's, and gone with it
    std::thread _worker;
 
    // The loop's thread's.
