@@ -1,8 +1,11 @@
 #include "board/TransportUrl.h"
 
+#include <sys/un.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -13,9 +16,11 @@
 #include <fmt/format.h>
 
 #include "board/Number.h"
+#include "platform/entity/Errors.h"
 #include "platform/hardware/PciHwAccessImpl.h"
 #include "platform/hardware/SpiHwAccess.h"
 #include "TarnRegFile/I2cTransportDescriptor.h"
+#include "TarnRegFile/NimboSmbusTransportDescriptor.h"
 #include "TarnRegFile/PciTransportDescriptor.h"
 #include "TarnRegFile/SpiTransportDescriptor.h"
 
@@ -27,6 +32,10 @@ constexpr const char* valuesFileVariable = "REG_VALUES_FILE";
 constexpr const char* pciDevices = "/sys/bus/pci/devices/";
 constexpr std::uint32_t maxI2cAddress = 0x7f;
 constexpr std::uint32_t maxSpiMode = 3;
+constexpr std::uint32_t maxSmbusBus = 127;
+constexpr std::uint32_t maxSmbusController = 255;
+constexpr std::uint32_t maxPciDevice = 0x1f;
+constexpr std::size_t maxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 
 /// What stands behind the scheme, taken apart piece by piece.
 class Rest {
@@ -76,6 +85,21 @@ public:
       return static_cast<std::uint32_t>(*number);
    }
 
+   /// The same of an option that is no number.
+   std::optional<std::string_view> text(std::string_view name) const {
+      const auto option = _options.find(name);
+      return option == _options.end() ? std::nullopt : std::optional(option->second);
+   }
+
+   /// An address on an I2C bus.
+   std::uint8_t address(std::string_view text) const {
+      const std::optional<std::uint64_t> number = numberFrom(text);
+      if (!number || *number > maxI2cAddress) {
+         fail(fmt::format("address '{}' is no number from 0 to {:#x}", text, maxI2cAddress));
+      }
+      return static_cast<std::uint8_t>(*number);
+   }
+
    std::string_view place() const noexcept { return _place; }
 
 private:
@@ -88,6 +112,9 @@ private:
 TransportUrl::Where mockAt(Rest& rest) {
    return MockAt{std::string(rest.place())};
 }
+
+constexpr std::string_view pciForm = "hhhh:hh:hh.o";
+constexpr std::string_view shortPciForm = "hh:hh.o";
 
 /// Whether `text` is of a form in which h stands for a hexadecimal digit and o for an octal one.
 bool hasForm(std::string_view text, std::string_view form) {
@@ -118,8 +145,8 @@ TransportUrl::Where pciAt(Rest& rest) {
    const std::string_view text = rest.place();
    const std::size_t slash = text.find('/');
    const std::string_view device = text.substr(0, slash);
-   const bool isShort = hasForm(device, "hh:hh.o");
-   if (isShort || hasForm(device, "hhhh:hh:hh.o")) {
+   const bool isShort = hasForm(device, shortPciForm);
+   if (isShort || hasForm(device, pciForm)) {
       const std::string_view resource =
          slash == std::string_view::npos ? "resource0" : text.substr(slash + 1);
       if (!isResource(resource)) {
@@ -140,13 +167,9 @@ TransportUrl::Where i2cAt(Rest& rest) {
    if (at == std::string_view::npos || at == 0) {
       rest.fail(at == 0 ? "no path" : "no address");
    }
-   const std::string_view address = place.substr(at + 1);
-   const std::optional<std::uint64_t> number = numberFrom(address);
-   if (!number || *number > maxI2cAddress) {
-      rest.fail(fmt::format("address '{}' is no number from 0 to {:#x}", address, maxI2cAddress));
-   }
+   const std::uint8_t address = rest.address(place.substr(at + 1));
    const std::uint32_t flavour = rest.number("flavour", 1, 2).value_or(1);
-   return I2cAt{std::string(place.substr(0, at)), static_cast<std::int32_t>(*number),
+   return I2cAt{std::string(place.substr(0, at)), address,
                 static_cast<TarnRegFile::I2cFlavour>(flavour)};
 }
 
@@ -164,6 +187,56 @@ TransportUrl::Where spiAt(Rest& rest) {
    return where;
 }
 
+/// The PCI function that `text` names.
+TarnRegFile::PciAddress pciFunction(const Rest& rest, std::string_view text) {
+   const bool isShort = hasForm(text, shortPciForm);
+   const std::string whole = isShort ? fmt::format("0000:{}", text) : std::string(text);
+   TarnRegFile::PciAddress address;
+   if (hasForm(whole, pciForm)) {
+      const auto part = [&whole](std::size_t from, std::size_t size) {
+         return std::strtoul(whole.substr(from, size).c_str(), nullptr, 16);
+      };
+      address = {static_cast<std::uint16_t>(part(0, 4)), static_cast<std::uint16_t>(part(5, 2)),
+                 static_cast<std::uint8_t>(part(8, 2)), static_cast<std::uint8_t>(part(11, 1))};
+   }
+   if (!hasForm(whole, pciForm) || address.device > maxPciDevice) {
+      rest.fail(fmt::format("pci '{}' is no PCI function", text));
+   }
+   return address;
+}
+
+TransportUrl::Where smbusAt(Rest& rest) {
+   rest.optionsAre({"flavour", "controller", "pci", "socket"});
+   const std::string_view place = rest.place();
+   const std::size_t at = place.find('@');
+   if (at == std::string_view::npos) {
+      rest.fail("no address");
+   }
+   const std::string_view bus = place.substr(0, at);
+   const std::optional<std::uint64_t> number = numberFrom(bus);
+   if (!number || *number > maxSmbusBus) {
+      rest.fail(fmt::format("bus '{}' is no number from 0 to {}", bus, maxSmbusBus));
+   }
+   SmbusAt where;
+   where.busId = static_cast<std::uint8_t>(*number);
+   where.devAddr = rest.address(place.substr(at + 1));
+   if (rest.number("flavour", 1, 2) == 2) {
+      where.flavour = TarnRegFile::TransportFlavour::nimboSmbusFlavour2;
+   }
+   where.accelId =
+      static_cast<std::uint8_t>(rest.number("controller", 0, maxSmbusController).value_or(0));
+   if (const std::optional<std::string_view> pci = rest.text("pci")) {
+      where.pciAddr = pciFunction(rest, *pci);
+   }
+   if (const std::optional<std::string_view> socket = rest.text("socket")) {
+      if (socket->empty() || socket->back() == '/') {
+         rest.fail(fmt::format("socket '{}' is no path of a file", *socket));
+      }
+      where.socket = std::string(*socket);
+   }
+   return where;
+}
+
 struct Scheme {
    std::string_view name;
    std::string_view form;
@@ -175,7 +248,26 @@ constexpr std::array schemes{
    Scheme{"pci", "pci:BUS:DEVICE.FUNCTION[/resourceN] or pci:PATH", pciAt},
    Scheme{"i2c", "i2c:PATH@ADDRESS[?flavour=1|2]", i2cAt},
    Scheme{"spi", "spi:PATH[?speed=HZ&mode=0..3]", spiAt},
+   Scheme{"smbus",
+          "smbus:BUS@ADDRESS[?flavour=1|2&controller=N&pci=BUS:DEVICE.FUNCTION&socket=PATH]",
+          smbusAt},
 };
+
+/// Names a daemon's socket to the SMBus transport, in its two pieces.
+void socketIs(const std::string& path) {
+   const std::size_t slash = path.rfind('/');
+   const bool isBare = slash == std::string::npos;
+   const std::string directory = isBare ? "." : path.substr(0, slash);
+   const std::string file = isBare ? path : path.substr(slash + 1);
+   if (directory.size() + 1 + file.size() > maxSocketPath) {
+      // The transport would cut it, and go to another one.
+      Platform::throwError(ENAMETOOLONG,
+                           fmt::format("the path of a socket has {} characters at most, '{}' more",
+                                       maxSocketPath, path));
+   }
+   ::setenv(socketDirectoryVariable, directory.c_str(), 1);
+   ::setenv(socketFileVariable, file.c_str(), 1);
+}
 
 template <typename... Visitors>
 struct Overloaded : Visitors... {
@@ -204,8 +296,15 @@ TransportUrl::TransportUrl(std::string_view text) : _text(text) {
 }
 
 void TransportUrl::directoryIs(const std::string& directory) {
-   if (auto* mock = std::get_if<MockAt>(&_where); mock && !mock->valuesFile.empty()) {
-      mock->valuesFile = (std::filesystem::path(directory) / mock->valuesFile).string();
+   const auto fromThere = [&directory](std::string& path) {
+      if (!path.empty()) {
+         path = (std::filesystem::path(directory) / path).string();
+      }
+   };
+   if (auto* mock = std::get_if<MockAt>(&_where)) {
+      fromThere(mock->valuesFile);
+   } else if (auto* smbus = std::get_if<SmbusAt>(&_where)) {
+      fromThere(smbus->socket);
    }
 }
 
@@ -242,6 +341,14 @@ Platform::Ptr<TarnRegFile::BaseTransportDescriptor> TransportUrl::descriptor() c
                                    // the transfer tells.
                                    access->readyIs(true);
                                    return TarnRegFile::spiTransportDescriptorFactory(access);
+                                },
+                                [](const SmbusAt& smbus) -> Descriptor {
+                                   if (!smbus.socket.empty()) {
+                                      socketIs(smbus.socket);
+                                   }
+                                   return TarnRegFile::nimboSmbusTransportDescriptorFactory(
+                                      smbus.busId, smbus.devAddr, smbus.accelId, smbus.flavour,
+                                      smbus.pciAddr);
                                 }},
                      _where);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -8,6 +9,7 @@
 #include "platform/entity/Ptr.h"
 #include "platform/hardware/SpidevBackend.h"
 #include "TarnRegFile/I2cFlavour.h"
+#include "TarnRegFile/PciAddress.h"
 #include "TarnRegFile/TransportDescriptor.h"
 
 namespace Board {
@@ -34,6 +36,20 @@ struct SpiAt {
    Hardware::SpidevSettings settings;
 };
 
+/// A device behind the SMBus proxy daemon.
+struct SmbusAt {
+   std::uint8_t busId = 0;
+   std::uint8_t devAddr = 0;
+   std::uint8_t accelId = 0;
+   TarnRegFile::TransportFlavour flavour = TarnRegFile::TransportFlavour::nimboSmbusFlavour1;
+   std::optional<TarnRegFile::PciAddress> pciAddr;
+   std::string socket; ///< the daemon's; empty for where the environment says
+};
+
+/// What the SMBus transport finds its daemon's socket by: a directory, and a name in it.
+inline constexpr const char* socketDirectoryVariable = "NM_SOCKET_DIR";
+inline constexpr const char* socketFileVariable = "NM_SOCKET_FILE";
+
 /// Says in one line of text how a device is reached, "scheme:rest":
 ///
 ///     mock:                              in memory, and in the file that REG_VALUES_FILE names
@@ -43,11 +59,14 @@ struct SpiAt {
 ///     pci:PATH                           a file, by its path with a slash in it
 ///     i2c:PATH@ADDRESS[?flavour=1|2]     flavour 1 unless told otherwise
 ///     spi:PATH[?speed=HZ&mode=0..3]      clock limit and mode as the system has them unless told
+///     smbus:BUS@ADDRESS[?flavour=1|2&controller=N&pci=[DOMAIN:]BUS:DEVICE.FUNCTION&socket=PATH]
+///                                        flavour 1, controller 0, no PCI function, and the socket
+///                                        that NM_SOCKET_DIR and NM_SOCKET_FILE name, unless told
 ///
 /// Numbers are decimal, 0x hexadecimal or 0b binary. A plain value.
 class TransportUrl {
 public:
-   using Where = std::variant<MockAt, PciAt, I2cAt, SpiAt>;
+   using Where = std::variant<MockAt, PciAt, I2cAt, SpiAt, SmbusAt>;
 
    /// Opens nothing. Throws std::invalid_argument, naming the text and what is wrong with it.
    explicit TransportUrl(std::string_view text);
@@ -57,7 +76,7 @@ public:
    /// As it was given.
    const std::string& text() const noexcept { return _text; }
 
-   /// Makes the one relative path there can be, the mock's, count from `directory`.
+   /// Makes a relative path of a mock's values file or of a daemon's socket count from `directory`.
    void directoryIs(const std::string& directory);
 
    /// The file that the mock keeps its values in, from here or from REG_VALUES_FILE; empty for
@@ -66,7 +85,10 @@ public:
 
    /// A new descriptor that selects the transport. A PCI device is mapped for it; it throws what
    /// Hardware::pciHwAccessImplFactory() throws. For a mock with a path it also points
-   /// REG_VALUES_FILE, which the mock reads, there: to be called while the process has one thread.
+   /// REG_VALUES_FILE, which the mock reads, there, and for a daemon with a socket the two
+   /// variables that the SMBus transport reads: to be called while the process has one thread. What
+   /// it points there stays so, for those that say nothing themselves too. Throws std::system_error
+   /// ENAMETOOLONG (generic category) for a socket of more than 107 characters.
    Platform::Ptr<TarnRegFile::BaseTransportDescriptor> descriptor() const;
 
 private:

@@ -163,7 +163,8 @@ Command::Command()
       "An interrupt ends it as a signal does: 130 for the shell.\n"
       "\n"
       "A name that begins with a dash stands behind --. Environment: REG_VALUES_FILE (the\n"
-      "values file of mock:), TARN_BOARD (board file), TARN_TRACE (levels by source), NO_COLOR.");
+      "values file of mock:), NM_SOCKET_DIR and NM_SOCKET_FILE (the socket of smbus:),\n"
+      "TARN_BOARD (board file), TARN_TRACE (levels by source), NO_COLOR.");
    _app.require_subcommand(1);
    _app.fallthrough();
    _app.set_version_flag("--version", std::string("tarnreg ") + TARNREG_VERSION);
@@ -185,7 +186,9 @@ void Command::_globalOptions() {
                   "mock:[VALUES-FILE]\n"
                   "pci:BUS:DEVICE.FUNCTION[/resourceN], pci:PATH\n"
                   "i2c:PATH@ADDRESS[?flavour=1|2]\n"
-                  "spi:PATH[?speed=HZ&mode=0..3]")
+                  "spi:PATH[?speed=HZ&mode=0..3]\n"
+                  "smbus:BUS@ADDRESS[?flavour=1|2&controller=N\n"
+                  "  &pci=BUS:DEVICE.FUNCTION&socket=PATH]")
       ->option_text("URL")
       ->transform(unguarded());
    _app.add_option("--device,-d", _options.device, "A device of the board file, in place of both")

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -44,6 +47,45 @@ std::string listProblem(const std::string& file) {
    return "";
 }
 
+/// Sets an environment variable back, at the end of the scope, to what it is now.
+class EnvironmentKept {
+public:
+   explicit EnvironmentKept(const char* name) : _name(name) {
+      if (const char* value = std::getenv(name)) {
+         _value = value;
+      }
+   }
+   ~EnvironmentKept() {
+      if (_value) {
+         ::setenv(_name, _value->c_str(), 1);
+      } else {
+         ::unsetenv(_name);
+      }
+   }
+   EnvironmentKept(const EnvironmentKept&) = delete;
+   EnvironmentKept& operator=(const EnvironmentKept&) = delete;
+
+private:
+   const char* const _name;
+   std::optional<std::string> _value;
+};
+
+/// Has the process ignore SIGPIPE until the end of the scope.
+class SigpipeIgnored {
+public:
+   SigpipeIgnored() {
+      struct sigaction ignore = {};
+      ignore.sa_handler = SIG_IGN;
+      ::sigaction(SIGPIPE, &ignore, &_before);
+   }
+   ~SigpipeIgnored() { ::sigaction(SIGPIPE, &_before, nullptr); }
+   SigpipeIgnored(const SigpipeIgnored&) = delete;
+   SigpipeIgnored& operator=(const SigpipeIgnored&) = delete;
+
+private:
+   struct sigaction _before = {};
+};
+
 } // namespace
 
 Device::Device(const std::string& file, const Board::TransportUrl& url,
@@ -60,6 +102,9 @@ Device::Device(const std::string& file, const Board::TransportUrl& url,
 
 void Device::_open(const std::string& file, const Board::TransportUrl& url) {
    _where = url.where();
+   // The socket of one device is not to become that of another which names none.
+   const EnvironmentKept directory(Board::socketDirectoryVariable);
+   const EnvironmentKept socket(Board::socketFileVariable);
    try {
       const auto descriptor = url.descriptor();
       if (const auto spi = Platform::ptrCast<TarnRegFile::SpiTransportDescriptor>(descriptor)) {
@@ -110,6 +155,11 @@ const HardwareRegister* Device::find(std::string_view name) const {
 
 void Device::access(const char* what, const std::string& name, const std::function<void()>& run) {
    const auto notifier = _method->errorNotifierIs(_method->name());
+   // A daemon that has gone is a failed access. Output that nobody reads ends the command as usual.
+   std::optional<SigpipeIgnored> ignored;
+   if (std::holds_alternative<Board::SmbusAt>(_where)) {
+      ignored.emplace();
+   }
    // The flag is sticky, and each access is to be judged by itself.
    notifier->errorIs(false);
    _failures->takeReason(name);

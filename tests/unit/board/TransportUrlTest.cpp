@@ -10,6 +10,7 @@
 #include "platform/hardware/PciHwAccessImpl.h"
 #include "platform/hardware/SpiHwAccess.h"
 #include "TarnRegFile/I2cTransportDescriptor.h"
+#include "TarnRegFile/NimboSmbusTransportDescriptor.h"
 #include "TarnRegFile/PciTransportDescriptor.h"
 #include "TarnRegFile/SpiTransportDescriptor.h"
 #include "tests/support/EnvironmentVariable.h"
@@ -42,7 +43,9 @@ TEST(TransportUrl, WhatItDoesNotKnowIsRefusedWithAllThatThereIs) {
       EXPECT_EQ(reason(text), std::string("transport '") + text +
                                  "' is not known; there is mock:[VALUES-FILE], "
                                  "pci:BUS:DEVICE.FUNCTION[/resourceN] or pci:PATH, "
-                                 "i2c:PATH@ADDRESS[?flavour=1|2], spi:PATH[?speed=HZ&mode=0..3]");
+                                 "i2c:PATH@ADDRESS[?flavour=1|2], spi:PATH[?speed=HZ&mode=0..3], "
+                                 "smbus:BUS@ADDRESS[?flavour=1|2&controller=N"
+                                 "&pci=BUS:DEVICE.FUNCTION&socket=PATH]");
    }
 }
 
@@ -157,6 +160,109 @@ TEST(TransportUrl, AnSpiDeviceHasAPathAndSettings) {
              "spi:PATH[?speed=HZ&mode=0..3]");
 }
 
+TEST(TransportUrl, AnSmbusDeviceHasBusAndAddressAndOptions) {
+   const auto plain = at<Board::SmbusAt>("smbus:3@0x50");
+   EXPECT_EQ(plain.busId, 3);
+   EXPECT_EQ(plain.devAddr, 0x50);
+   EXPECT_EQ(plain.accelId, 0);
+   EXPECT_EQ(plain.flavour, TarnRegFile::TransportFlavour::nimboSmbusFlavour1);
+   EXPECT_EQ(plain.pciAddr, std::nullopt);
+   EXPECT_EQ(plain.socket, "");
+   const auto all = at<Board::SmbusAt>("smbus:127@127?socket=/run/a@b:c?d&pci=1a2B:3c:1f.7"
+                                       "&controller=255&flavour=2");
+   EXPECT_EQ(all.busId, 127);
+   EXPECT_EQ(all.devAddr, 127);
+   EXPECT_EQ(all.accelId, 255);
+   EXPECT_EQ(all.flavour, TarnRegFile::TransportFlavour::nimboSmbusFlavour2);
+   EXPECT_EQ(all.pciAddr, (TarnRegFile::PciAddress{0x1a2b, 0x3c, 0x1f, 7}));
+   EXPECT_EQ(all.socket, "/run/a@b:c?d");
+   const auto low = at<Board::SmbusAt>("smbus:0@0?flavour=1&controller=0&pci=03:00.1");
+   EXPECT_EQ(low.busId, 0);
+   EXPECT_EQ(low.devAddr, 0);
+   EXPECT_EQ(low.flavour, TarnRegFile::TransportFlavour::nimboSmbusFlavour1);
+   EXPECT_EQ(low.pciAddr, (TarnRegFile::PciAddress{0, 3, 0, 1}));
+}
+
+TEST(TransportUrl, WhatIsWrongWithAnSmbusDeviceIsSaid) {
+   const auto why = [](const std::string& rest) {
+      const std::string text = reason("smbus:" + rest);
+      const std::string head = "transport 'smbus:" + rest + "': ";
+      const std::string tail = "; the form is smbus:BUS@ADDRESS[?flavour=1|2&controller=N"
+                               "&pci=BUS:DEVICE.FUNCTION&socket=PATH]";
+      EXPECT_TRUE(text.starts_with(head) && text.ends_with(tail)) << text;
+      return text.substr(head.size(), text.size() - head.size() - tail.size());
+   };
+   EXPECT_EQ(why(""), "no address");
+   EXPECT_EQ(why("3"), "no address");
+   for (const char* bus : {"", "128", "0x80", "-1", "x", "/dev/i2c-3", "99999999999999999999"}) {
+      EXPECT_EQ(why(std::string(bus) + "@1"),
+                std::string("bus '") + bus + "' is no number from 0 to 127");
+   }
+   for (const char* address : {"", "0x80", "128", "-1", "1@2"}) {
+      EXPECT_EQ(why(std::string("1@") + address),
+                std::string("address '") + address + "' is no number from 0 to 0x7f");
+   }
+   EXPECT_EQ(why("1@1?flavour=0"), "flavour '0' is no number from 1 to 2");
+   EXPECT_EQ(why("1@1?flavour=3"), "flavour '3' is no number from 1 to 2");
+   EXPECT_EQ(why("1@1?controller=256"), "controller '256' is no number from 0 to 255");
+   EXPECT_EQ(why("1@1?controller="), "controller '' is no number from 0 to 255");
+   for (const char* pci : {"", "03:00", "03:00.8", "03:20.0", "0000:03:ff.0", "3:0.0",
+                           "00000:03:00.0", "0000:0000:03:00.0"}) {
+      EXPECT_EQ(why(std::string("1@1?pci=") + pci),
+                std::string("pci '") + pci + "' is no PCI function");
+   }
+   for (const char* socket : {"", "/", "/run/"}) {
+      EXPECT_EQ(why(std::string("1@1?socket=") + socket),
+                std::string("socket '") + socket + "' is no path of a file");
+   }
+   EXPECT_EQ(why("1@1?bus=1"), "there is no option 'bus'");
+   EXPECT_EQ(why("1@1?pci=03:00.0&pci=03:00.0"), "option 'pci' is given twice");
+}
+
+TEST(TransportUrl, AnSmbusDevicesSocketGoesBeforeTheEnvironment) {
+   const EnvironmentVariable directory("NM_SOCKET_DIR", "/from");
+   const EnvironmentVariable file("NM_SOCKET_FILE", "environment");
+   const auto named = [](const char* text) {
+      TransportUrl(text).descriptor();
+      return std::string(std::getenv("NM_SOCKET_DIR")) + " " + std::getenv("NM_SOCKET_FILE");
+   };
+   EXPECT_EQ(named("smbus:1@1"), "/from environment");
+   EXPECT_EQ(named("smbus:1@1?socket=/run/x/y"), "/run/x y");
+   EXPECT_EQ(named("smbus:1@1?socket=y"), ". y");
+   EXPECT_EQ(named("smbus:1@1?socket=/y"), " y") << "of the root directory";
+   EXPECT_EQ(named("smbus:1@1?socket=x/y"), "x y");
+}
+
+TEST(TransportUrl, ARelativeSocketCountsFromTheDirectoryGiven) {
+   const auto socket = [](const char* text) {
+      TransportUrl url(text);
+      url.directoryIs("/etc/board");
+      return std::get<Board::SmbusAt>(url.where()).socket;
+   };
+   EXPECT_EQ(socket("smbus:1@1?socket=x/y"), "/etc/board/x/y");
+   EXPECT_EQ(socket("smbus:1@1?socket=/x/y"), "/x/y");
+   EXPECT_EQ(socket("smbus:1@1"), "") << "the environment's stays where it is";
+}
+
+TEST(TransportUrl, ASocketThatTheSystemCannotNameIsRefusedAndNotNamed) {
+   const EnvironmentVariable directory("NM_SOCKET_DIR", "/from");
+   const EnvironmentVariable file("NM_SOCKET_FILE", "environment");
+   const auto failure = [](const std::string& path) {
+      return Failure([&] { TransportUrl("smbus:1@1?socket=" + path).descriptor(); });
+   };
+   const auto tooLong = [](const std::string& path) {
+      return Failure::generic(ENAMETOOLONG, "the path of a socket has 107 characters at most, '" +
+                                               path + "' more");
+   };
+   const std::string path = "/" + std::string(107, 'x');
+   EXPECT_EQ(failure(path), tooLong(path));
+   EXPECT_EQ(failure(std::string(106, 'x')), tooLong(std::string(106, 'x'))) << "./ goes before it";
+   EXPECT_STREQ(std::getenv("NM_SOCKET_DIR"), "/from");
+   EXPECT_STREQ(std::getenv("NM_SOCKET_FILE"), "environment");
+   EXPECT_EQ(failure(path.substr(0, 107)), Failure::none());
+   EXPECT_EQ(failure(std::string(105, 'x')), Failure::none());
+}
+
 TEST(TransportUrl, ADescriptorIsOfTheKindThatTheTransportNeeds) {
    const EnvironmentVariable variable("REG_VALUES_FILE", std::nullopt);
    EXPECT_EQ(TransportUrl("mock:").descriptor()->transportType(),
@@ -175,6 +281,19 @@ TEST(TransportUrl, ADescriptorIsOfTheKindThatTheTransportNeeds) {
    ASSERT_TRUE(spi);
    EXPECT_EQ(spi->hwAccess()->name(), "/dev/spidev0.0");
    EXPECT_TRUE(spi->hwAccess()->ready());
+
+   const auto smbus = Platform::ptrCast<TarnRegFile::NimboSmbusTransportDescriptor>(
+      TransportUrl("smbus:3@0x50?flavour=2&controller=4&pci=01:02.3").descriptor());
+   ASSERT_TRUE(smbus);
+   EXPECT_EQ(smbus->transportFlavour(), TarnRegFile::TransportFlavour::nimboSmbusFlavour2);
+   EXPECT_EQ(smbus->busId(), 3);
+   EXPECT_EQ(smbus->devAddr(), 0x50);
+   EXPECT_EQ(smbus->accelId(), 4);
+   EXPECT_EQ(smbus->pciAddr(), (TarnRegFile::PciAddress{0, 1, 2, 3}));
+   EXPECT_EQ(Platform::ptrCast<TarnRegFile::NimboSmbusTransportDescriptor>(
+                TransportUrl("smbus:3@0x50").descriptor())
+                ->transportFlavour(),
+             TarnRegFile::TransportFlavour::nimboSmbusFlavour1);
 
    const TempDir dir;
    const std::string bar = dir.write("bar", std::string(16, '\0'));
