@@ -13,6 +13,7 @@
 #include "tests/contract/I2cAdapter.h"
 #include "tests/contract/MockAdapter.h"
 #include "tests/contract/PciAdapter.h"
+#include "tests/contract/SmbusAdapter.h"
 #include "tests/contract/SpiAdapter.h"
 #include "tests/contract/TransportAdapter.h"
 #include "tests/support/Failure.h"
@@ -43,6 +44,16 @@ const Transport transports[] = {
     [] { return std::make_unique<Contract::I2cAdapter>(TarnRegFile::I2cFlavour::dataBlock); }},
    {"I2cWords",
     [] { return std::make_unique<Contract::I2cAdapter>(TarnRegFile::I2cFlavour::dataWord); }},
+   {"SmbusFlavour1",
+    [] {
+       return std::make_unique<Contract::SmbusAdapter>(
+          TarnRegFile::TransportFlavour::nimboSmbusFlavour1);
+    }},
+   {"SmbusFlavour2",
+    [] {
+       return std::make_unique<Contract::SmbusAdapter>(
+          TarnRegFile::TransportFlavour::nimboSmbusFlavour2);
+    }},
 };
 
 constexpr const char* list = "number,name,type,writeable,width\n"

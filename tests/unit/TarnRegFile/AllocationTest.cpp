@@ -12,16 +12,19 @@
 #include <string_view>
 
 #include "platform/hardware/PciHwAccessImpl.h"
+#include "TarnRegFile/NimboSmbusTransportDescriptor.h"
 #include "TarnRegFile/PciTransportDescriptor.h"
 #include "TarnRegFile/TransportMethod.h"
 #include "tests/support/EnvironmentVariable.h"
 #include "tests/support/RegisterSpace.h"
+#include "tests/support/ScriptedNimbo.h"
 #include "tests/support/TempDir.h"
 
 namespace {
 
-// What this program's operator new counts and calls, the libraries' allocations included.
-std::size_t allocations = 0;
+// What this program's operator new counts and calls, the libraries' allocations included, and those
+// of other threads not.
+thread_local std::size_t allocations = 0;
 void (*onAllocation)() = nullptr;
 
 void* allocate(std::size_t size) {
@@ -129,6 +132,57 @@ TEST_F(Allocation, AMappedDevicesAccessesAllocateNothingGuardedOrNot) {
                 }),
                 0u);
    }
+}
+
+/// What the messages of a read or a write allocate, from their making to their end.
+std::size_t messageAllocations(bool isRead) {
+   std::string wire(1000, ' ');
+   std::size_t count = allocationsOf([&] {
+      Smbus::TransactionRequest request;
+      request.add_requests()->set_data("12345", isRead ? 1 : 5);
+      if (isRead) {
+         request.add_requests();
+      }
+      wire.clear();
+      request.AppendToString(&wire);
+   });
+   Smbus::TransactionResponse answer;
+   answer.set_xid(1);
+   answer.add_responses();
+   if (isRead) {
+      answer.add_responses()->set_data("1234");
+   }
+   answer.SerializeToString(&wire);
+   count += allocationsOf([&] {
+      Smbus::TransactionResponse response;
+      response.ParseFromArray(wire.data(), static_cast<int>(wire.size()));
+   });
+   return count;
+}
+
+TEST_F(Allocation, ATransactionWithTheSmbusDaemonAllocatesItsMessagesAndNothingElse) {
+   const EnvironmentVariable directory("NM_SOCKET_DIR", _dir.path());
+   const EnvironmentVariable file("NM_SOCKET_FILE", std::nullopt);
+   TestSupport::ScriptedNimbo peer(_dir.path("smbus"));
+   const auto tm = TarnRegFile::transportMethodFactory("chip");
+   tm->fullInit(TarnRegFile::nimboSmbusTransportDescriptorFactory(
+                   3, 0x50, 0, TarnRegFile::TransportFlavour::nimboSmbusFlavour1),
+                TarnRegFile::TransportMethodRegFile(_tm->regFileHelper()->regFilePtr()));
+   tm->regRead(_name);
+   tm->regWrite(_name, 1);
+   constexpr std::size_t rounds = 100;
+   EXPECT_EQ(allocationsOf([&] {
+                for (std::size_t i = 0; i < rounds; ++i) {
+                   tm->regRead(_name);
+                }
+             }),
+             rounds * messageAllocations(true));
+   EXPECT_EQ(allocationsOf([&] {
+                for (std::size_t i = 0; i < rounds; ++i) {
+                   tm->regWrite(_name, 1);
+                }
+             }),
+             rounds * messageAllocations(false));
 }
 
 TEST_F(Allocation, NamingAHelperAddsNone) {
