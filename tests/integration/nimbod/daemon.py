@@ -1,5 +1,6 @@
 """nimbod as a process, for tests."""
 
+import json
 import os
 import shutil
 import signal
@@ -10,6 +11,7 @@ import threading
 import time
 
 NIMBOD = os.environ["NIMBOD"]
+NIMBOCTL = os.environ["NIMBOCTL"]
 TIMEOUT = 120
 
 BOARD = """
@@ -136,6 +138,19 @@ class Daemon:
                 if line.startswith(name + ":"):
                     return int(line.split()[1])
         raise KeyError(name)
+
+    def status(self):
+        done = subprocess.run([NIMBOCTL, "--socket-dir", self.directory, "--json", "status"],
+                              check=True, capture_output=True, text=True, timeout=TIMEOUT)
+        return json.loads(done.stdout)
+
+    def bus(self, name):
+        return next(bus for bus in self.status()["buses"] if bus["name"] == name)
+
+    def await_busy(self, name, waiting=0):
+        """Until a transaction is under way on a bus and so many wait behind it."""
+        wait_for(lambda: (self.bus(name)["busy_seconds"] is not None
+                          and self.bus(name)["waiting"] >= waiting), f"bus {name} to be busy")
 
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
