@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <span>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -31,6 +32,16 @@ constexpr auto timeoutUnit = std::chrono::milliseconds(10); // I2C_TIMEOUT count
 template <typename Argument>
 int control(int fd, unsigned long request, Argument argument) {
    return ::ioctl(fd, request, argument) < 0 ? errno : 0;
+}
+
+/// All of the messages, or an errno: some drivers say how many of them went in place of an error.
+int transfer(int fd, std::span<::i2c_msg> messages) {
+   ::i2c_rdwr_ioctl_data all = {messages.data(), static_cast<::__u32>(messages.size())};
+   const int done = ::ioctl(fd, I2C_RDWR, &all);
+   if (done < 0) {
+      return errno;
+   }
+   return static_cast<std::size_t>(done) == messages.size() ? 0 : EIO;
 }
 
 } // namespace
@@ -113,8 +124,7 @@ int LinuxBackend::write(std::uint8_t device, std::span<const std::uint8_t> offse
    message.addr = device;
    message.len = static_cast<std::uint16_t>(bytes.size());
    message.buf = bytes.data();
-   ::i2c_rdwr_ioctl_data transfer = {&message, 1};
-   return control(_fd.fd(), I2C_RDWR, &transfer);
+   return transfer(_fd.fd(), std::span(&message, 1));
 }
 
 int LinuxBackend::read(std::uint8_t device, std::span<const std::uint8_t> offset,
@@ -132,8 +142,7 @@ int LinuxBackend::read(std::uint8_t device, std::span<const std::uint8_t> offset
    messages[1].flags = I2C_M_RD;
    messages[1].len = static_cast<std::uint16_t>(data.size());
    messages[1].buf = data.data();
-   ::i2c_rdwr_ioctl_data transfer = {messages.data(), messages.size()};
-   return control(_fd.fd(), I2C_RDWR, &transfer);
+   return transfer(_fd.fd(), messages);
 }
 
 int LinuxBackend::_smbus(std::uint8_t device, std::uint8_t direction, std::uint8_t offset,

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 
 namespace TestSupport {
@@ -24,6 +25,14 @@ KernelI2c::KernelI2c() : _path(_dir.write("i2c-7", "")) {
 
 KernelI2c::~KernelI2c() {
    current = nullptr;
+}
+
+void KernelI2c::replace() {
+   ::rename(_dir.write("another", "").c_str(), _path.c_str());
+}
+
+void KernelI2c::remove() {
+   ::unlink(_path.c_str());
 }
 
 bool KernelI2c::isOurs(int fd) const {
@@ -56,6 +65,9 @@ void KernelI2c::locked(int operation) {
    order.push_back(operation == LOCK_EX   ? "lock exclusive"
                    : operation == LOCK_UN ? "unlock"
                                           : "lock " + std::to_string(operation));
+   if (operation == LOCK_EX && onLock) {
+      onLock();
+   }
 }
 
 int KernelI2c::answer(unsigned long request, void* argument) {
@@ -67,6 +79,10 @@ int KernelI2c::answer(unsigned long request, void* argument) {
       call.address = reinterpret_cast<long>(argument);
    } else if (request == I2C_SMBUS) {
       return _transfer(argument, call);
+   } else if (functions && request == I2C_RDWR) {
+      return _messages(argument, call);
+   } else if (functions && (request == I2C_TIMEOUT || request == I2C_RETRIES)) {
+      call.value = reinterpret_cast<unsigned long>(argument);
    }
    calls.push_back(call);
    if (onCall) {
@@ -80,11 +96,54 @@ int KernelI2c::answer(unsigned long request, void* argument) {
          return -1;
       }
    }
-   if (request != I2C_SLAVE) {
+   if (request == I2C_FUNCS && functions) {
+      *static_cast<unsigned long*>(argument) = *functions;
+      return 0;
+   }
+   if (request != I2C_SLAVE && !functions) {
       errno = ENOTTY;
       return -1;
    }
    return 0;
+}
+
+int KernelI2c::_note(const Call& call) {
+   calls.push_back(call);
+   if (onCall) {
+      onCall(call);
+   }
+   if (!errors.empty()) {
+      const int error = errors.front();
+      errors.pop_front();
+      if (error != 0) {
+         errno = error;
+         return -1;
+      }
+   }
+   return 0;
+}
+
+int KernelI2c::_messages(void* argument, Call call) {
+   const auto& request = *static_cast<i2c_rdwr_ioctl_data*>(argument);
+   order.push_back("transfer");
+   for (const i2c_msg* each = request.msgs; each != request.msgs + request.nmsgs; ++each) {
+      Message& message = call.messages.emplace_back();
+      message.address = each->addr;
+      message.flags = each->flags;
+      message.length = each->len;
+      if ((each->flags & I2C_M_RD) == 0) {
+         message.bytes.assign(each->buf, each->buf + each->len);
+      }
+   }
+   if (_note(call) < 0) {
+      return -1;
+   }
+   for (const i2c_msg* each = request.msgs; each != request.msgs + request.nmsgs; ++each) {
+      for (std::size_t i = 0; (each->flags & I2C_M_RD) != 0 && i < each->len; ++i) {
+         each->buf[i] = bytes[i % bytes.size()];
+      }
+   }
+   return transferred.value_or(static_cast<int>(request.nmsgs));
 }
 
 int KernelI2c::_transfer(void* argument, Call call) {
@@ -100,17 +159,8 @@ int KernelI2c::_transfer(void* argument, Call call) {
    } else {
       call.word = request.data->word;
    }
-   calls.push_back(call);
-   if (onCall) {
-      onCall(call);
-   }
-   if (!errors.empty()) {
-      const int error = errors.front();
-      errors.pop_front();
-      if (error != 0) {
-         errno = error;
-         return -1;
-      }
+   if (_note(call) < 0) {
+      return -1;
    }
    if (request.read_write == I2C_SMBUS_READ) {
       if (request.size == I2C_SMBUS_I2C_BLOCK_DATA) {
