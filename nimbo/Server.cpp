@@ -44,7 +44,10 @@ Server::Server(Platform::EventLoop& loop, std::size_t maxConnections, Admission 
    _pool.sizeIs(1);
 }
 
-Server::~Server() = default;
+Server::~Server() {
+   // Who has a bus would else go on for as long as the clients do.
+   _stopping = true;
+}
 
 void Server::busesAre(std::shared_ptr<const BusTable> buses) {
    // Those that go count until the last transaction with them is over: one may be hanging.

@@ -57,7 +57,7 @@ public:
 
    Server(Platform::EventLoop& loop, std::size_t maxConnections, Admission admission);
 
-   /// Ends all threads, waiting for those that have a bus.
+   /// Ends all threads, waiting for those that have a bus and for what is queued at it.
    ~Server();
    Server(const Server&) = delete;
    Server& operator=(const Server&) = delete;

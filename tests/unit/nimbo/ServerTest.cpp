@@ -1038,6 +1038,25 @@ TEST_F(ServerTest, ItsEndDropsWhatIsQueued) {
    EXPECT_FALSE(fakes[0]->isMisused());
 }
 
+TEST_F(ServerTest, ItsEndDoesNotWaitForClientsThatGoOnAndOn) {
+   start(1);
+   std::vector<std::thread> threads;
+   for (int i = 0; i < 2; ++i) {
+      threads.emplace_back([client = std::shared_ptr<SmbusClient>(clientNew())] {
+         const std::string frame = SmbusRequests(7).read({}, 1).frame();
+         bool isServed = client->send(frame + frame + frame);
+         while (isServed) {
+            isServed = client->send(frame) && client->response();
+         }
+      });
+   }
+   fakes[0]->waitFor(100);
+   server.reset();
+   for (std::thread& thread : threads) {
+      thread.join();
+   }
+}
+
 // -- all at once ---------------------------------------------------------------------------------
 
 TEST_F(ServerTest, ManyClientsAtOnceAllGetTheirOwnAnswers) {

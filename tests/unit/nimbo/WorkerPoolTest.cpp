@@ -201,6 +201,7 @@ TEST(WorkerPool, KeepsAThreadThatIsHeldUntilItComesBackWhenItShrinksToLess) {
    }
    again.waitForBegin(3);
    again.letGo();
+   again.waitForEnd(3);
 }
 
 TEST(WorkerPool, GrowsAndShrinksAgainAndAgain) {
