@@ -941,6 +941,24 @@ TEST_F(NimboSmbusTransport, AFailureToReceiveTheHeaderIsAnInvalidResponse) {
    EXPECT_EQ(trace.texts().back(), "Receiving Nimbo's protobuf header");
 }
 
+TEST_F(NimboSmbusTransport, ADaemonThatDiesBeforeItReadsTheRequestIsAnInvalidResponse) {
+   const auto transport = made();
+   int ends[2];
+   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+   transport->fdIs(ends[0]);
+   calls.alsoIs(ends[0]);
+   calls.onCall = [&](const SocketCalls::Call& call) {
+      if (call.name == "fsync") {
+         ::close(ends[1]);
+      }
+   };
+   EXPECT_EQ(Failure([&] { transport->regRead("R"); }),
+             Failure::generic(EINVAL, "Received invalid response from Nimbo daemon"));
+   calls.onCall = nullptr;
+   EXPECT_THAT(calls.order(), ElementsAre("send", "fsync 22", fmt::format("recv {}", ECONNRESET)));
+   ::close(ends[0]);
+}
+
 /// Gives a transport's connection another number, until the end of the scope.
 class Renumbered {
 public:
@@ -1188,6 +1206,12 @@ TEST_F(NimboSmbusTransport, TheRowsWantADescriptorOfTheirKind) {
              Failure::generic(EINVAL, "TransportDescriptor must be a "
                                       "TarnRegFile::NimboSmbusTransportDescriptor, not "
                                       "TarnRegFile::BaseTransportDescriptor"));
+   const auto& factory = TarnRegFile::implFactoryMap.at({TarnRegFile::TransportType::i2cBus,
+                                                         TarnRegFile::TransportProtocol::nimboSmbus,
+                                                         TransportFlavour::nimboSmbusFlavour1});
+   EXPECT_EQ(Failure([&] { factory(nullptr, csv, nullptr); }),
+             Failure::generic(EINVAL, "TransportDescriptor must be a "
+                                      "TarnRegFile::NimboSmbusTransportDescriptor, not null"));
    EXPECT_THAT(calls.order(), IsEmpty());
 }
 
