@@ -30,6 +30,9 @@
 #include "nimbo/Server.h"
 #include "nimbo/SimulatedBackend.h"
 #include "platform/entity/MultiThreading.h"
+#include "platform/hardware/HardwareRegisterFile.h"
+#include "TarnRegFile/NimboSmbusTransportDescriptor.h"
+#include "TarnRegFile/TransportMethod.h"
 
 namespace {
 
@@ -249,6 +252,12 @@ public:
 
    std::string path(const std::string& name) const { return _directory + "/" + name; }
 
+   /// Where transports that are made from now on find a daemon.
+   void addressIs(const char* name) const {
+      ::setenv("NM_SOCKET_DIR", _directory.c_str(), 1);
+      ::setenv("NM_SOCKET_FILE", name, 1);
+   }
+
 private:
    void _start(const std::string& name, const std::function<void(int)>& serve) {
       const int fd = listening(path(name));
@@ -291,6 +300,28 @@ void daemonPingPong(benchmark::State& state) {
    onOneProcessor(false);
 }
 
+/// A register by its name, through the transport.
+void readByName(benchmark::State& state) {
+   const auto model = Hardware::hardwareRegisterFileFactory("bench");
+   Hardware::HardwareRegister reg;
+   reg.name = "A";
+   reg.address = 0x10;
+   reg.width = 32;
+   model->nameToRegMapIs(reg.name, reg);
+   const auto method = TarnRegFile::transportMethodFactory("bench");
+   method->raiseExceptionOnErrorIs(true);
+   servers->addressIs("smbus-one");
+   method->fullInit(
+      TarnRegFile::nimboSmbusTransportDescriptorFactory(
+         fastBus, deviceAddress, 0, TarnRegFile::TransportFlavour::nimboSmbusFlavour1),
+      TarnRegFile::TransportMethodRegFile(model));
+   onOneProcessor(true);
+   for (auto _ : state) {
+      benchmark::DoNotOptimize(method->regRead("A"));
+   }
+   onOneProcessor(false);
+}
+
 /// While others have the hanging bus in use and wait for it.
 void daemonPingPongBesideHangingBus(benchmark::State& state) {
    std::vector<std::unique_ptr<Socket>> others;
@@ -310,6 +341,7 @@ void daemonThroughput(benchmark::State& state) {
 }
 
 BENCHMARK(barePingPong)->UseRealTime();
+BENCHMARK(readByName)->UseRealTime();
 BENCHMARK(daemonPingPong)->UseRealTime();
 BENCHMARK(daemonPingPongBesideHangingBus)->UseRealTime();
 BENCHMARK(bareEcho)->UseRealTime()->Threads(1)->Threads(8)->Threads(64);
