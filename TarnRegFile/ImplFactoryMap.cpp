@@ -7,8 +7,10 @@
 #include "platform/entity/Errors.h"
 #include "platform/entity/TypeData.h"
 #include "platform/hardware/HwAccessImpl.h"
+#include "TarnRegFile/I2cSornTransportDescriptor.h"
 #include "TarnRegFile/I2cTransportDescriptor.h"
 #include "TarnRegFile/I2cTransportMethodImpl.h"
+#include "TarnRegFile/I2cTransportSornImpl.h"
 #include "TarnRegFile/MockTransportMethodImpl.h"
 #include "TarnRegFile/NimboSmbusTransportDescriptor.h"
 #include "TarnRegFile/NimboSmbusTransportMethodImpl.h"
@@ -23,6 +25,7 @@ namespace {
 
 constexpr const char* wrongDescriptor = "TransportDescriptor must be a {}, not {}";
 constexpr const char* notPciAccess = "PciHwAccessImpl cast error";
+constexpr const char* noSornDesc = "I2cSornTransportDescriptor must have a sornDesc";
 
 /// The descriptor as the kind that a transport needs. Throws std::system_error EINVAL (generic
 /// category) when it is none, or null.
@@ -58,6 +61,17 @@ BaseTransportMethodImpl* i2cImplFactory(const Ptr<BaseTransportDescriptor>& desc
                                      csvPath.c_str(), flavour, regFile);
 }
 
+BaseTransportMethodImpl* sornImplFactory(const Ptr<BaseTransportDescriptor>& descriptor,
+                                         const String& csvPath,
+                                         const Ptr<HardwareRegisterFile>& regFile) {
+   const auto device = descriptorOfKind<I2cSornTransportDescriptor>(descriptor);
+   if (!device->sornDesc()) {
+      Platform::throwError(EINVAL, noSornDesc);
+   }
+   return new I2cTransportSornImpl(device->sornDesc()->sorn(), device->deviceId(), csvPath.c_str(),
+                                   regFile);
+}
+
 BaseTransportMethodImpl* mockImplFactory(const Ptr<BaseTransportDescriptor>&, const String& csvPath,
                                          const Ptr<HardwareRegisterFile>& regFile) {
    return new MockTransportMethodImpl(csvPath.c_str(), regFile);
@@ -82,6 +96,8 @@ BaseTransportMethodImpl* spiImplFactory(const Ptr<BaseTransportDescriptor>& desc
 const ImplFactoryMap implFactoryMap = {
    {{TransportType::pciBus, TransportProtocol::pciMmio, TransportFlavour::pciDefault},
     pciImplFactory},
+   {{TransportType::i2cBus, TransportProtocol::sornAsync, TransportFlavour::sornDefault},
+    sornImplFactory},
    {{TransportType::i2cBus, TransportProtocol::i2cDev, TransportFlavour::i2cDevFlavour1},
     i2cImplFactory<I2cFlavour::dataBlock>},
    {{TransportType::i2cBus, TransportProtocol::i2cDev, TransportFlavour::i2cDevFlavour2},

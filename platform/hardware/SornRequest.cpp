@@ -98,6 +98,9 @@ void SornRequest::_describe(SornOp op, std::uint64_t address, std::uint8_t flags
 
 void SornRequest::stateIs(SornRequestState state) {
    if (state == _state) {
+      if (state == SornRequestState::idle) {
+         _takeBack(); // what was described but not submitted
+      }
       return;
    }
    // Whoever hears of a change may let the request go.

@@ -47,8 +47,9 @@ public:
    SornRequestState state() const noexcept { return _state; }
 
    /// `submitted` submits what has been described; `idle` takes it back, with the status then idle
-   /// again. Setting what is set already does nothing. Throws std::system_error (generic category),
-   /// and changes nothing: EINVAL when no operation has been described, ESHUTDOWN when the access
+   /// again, and forgets what was described, also when it was not submitted. Setting what is set
+   /// already changes nothing else. Throws std::system_error (generic category), and changes
+   /// nothing: EINVAL when no operation has been described, ESHUTDOWN when the access
    /// manager has gone.
    void stateIs(SornRequestState state);
 

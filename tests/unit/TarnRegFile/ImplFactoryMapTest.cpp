@@ -41,19 +41,13 @@ TEST(ImplFactoryMap, OnlyTheTriplesThatExistAreSupported) {
    for (int type = 0; type < 8; ++type) {
       for (int protocol = 0; protocol < 8; ++protocol) {
          for (int flavour = 0; flavour < 10; ++flavour) {
-            if (implFactoryMap.contains(key(type, protocol, flavour))) {
-               EXPECT_TRUE(supported.contains({type, protocol, flavour}))
-                  << type << ' ' << protocol << ' ' << flavour;
-            }
+            EXPECT_EQ(implFactoryMap.contains(key(type, protocol, flavour)),
+                      supported.contains({type, protocol, flavour}))
+               << type << ' ' << protocol << ' ' << flavour;
          }
       }
    }
-   EXPECT_LE(implFactoryMap.size(), supported.size());
-   EXPECT_FALSE(implFactoryMap.contains(key(1, 0, 0)));
-   EXPECT_FALSE(implFactoryMap.contains(key(2, 0, 1)));
-   EXPECT_TRUE(implFactoryMap.contains(key(4, 5, 7)));
-   EXPECT_TRUE(implFactoryMap.contains(key(0, 3, 4)));
-   EXPECT_TRUE(implFactoryMap.contains(key(0, 3, 5)));
+   EXPECT_EQ(implFactoryMap.size(), supported.size());
 }
 
 TEST(ImplFactoryMap, TheMocksRowMakesAMockFromAPathOrAModel) {

@@ -6,11 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -20,6 +18,7 @@
 #include "platform/entity/TypeData.h"
 #include "platform/hardware/SimulatedSornBackend.h"
 #include "platform/hardware/SornManager.h"
+#include "tests/support/GatedSornBackend.h"
 
 namespace Hardware {
 namespace {
@@ -35,88 +34,10 @@ std::uint64_t word(std::uint16_t registerAddress, std::uint8_t device = deviceAd
    return std::uint64_t{device} << 32 | registerAddress;
 }
 
-/// What the worker does to the bus, one line each, and a gate at which it can be held.
-class GatedBackend : public SornBackend {
-public:
-   struct State {
-      std::mutex mutex;
-      std::condition_variable changed;
-      bool isOpen = true;
-      std::size_t arrived = 0;
-      std::vector<std::string> journal;
-      std::map<std::uint16_t, std::uint32_t> registers;
-      int beginError = 0;
-      int transferError = 0;
-      std::uint16_t pointer = 0;
-      bool isGone = false;
-
-      void gateIs(bool open) {
-         const std::scoped_lock lock(mutex);
-         isOpen = open;
-         changed.notify_all();
-      }
-      void awaitArrivals(std::size_t count) {
-         std::unique_lock lock(mutex);
-         changed.wait(lock, [&] { return arrived >= count; });
-      }
-      void awaitGone() {
-         std::unique_lock lock(mutex);
-         changed.wait(lock, [&] { return isGone; });
-      }
-      std::vector<std::string> lines() {
-         const std::scoped_lock lock(mutex);
-         return journal;
-      }
-   };
-
-   explicit GatedBackend(std::shared_ptr<State> state) : _state(std::move(state)) {}
-   ~GatedBackend() override {
-      const std::scoped_lock lock(_state->mutex);
-      _state->isGone = true;
-      _state->changed.notify_all();
-   }
-
-   int begin() noexcept override {
-      std::unique_lock lock(_state->mutex);
-      ++_state->arrived;
-      _state->changed.notify_all();
-      _state->changed.wait(lock, [&] { return _state->isOpen; });
-      _state->journal.push_back("begin");
-      return _state->beginError;
-   }
-   void end() noexcept override {
-      const std::scoped_lock lock(_state->mutex);
-      _state->journal.push_back("end");
-   }
-   int transfer(std::uint8_t device, std::uint8_t readWrite, std::uint8_t command,
-                i2c_smbus_data& data) noexcept override {
-      const std::scoped_lock lock(_state->mutex);
-      std::string line = readWrite == I2C_SMBUS_READ ? "read" : "write";
-      line += " " + std::to_string(device) + " " + std::to_string(command) + ":";
-      if (readWrite == I2C_SMBUS_WRITE) {
-         for (unsigned i = 0; i < data.block[0]; ++i) {
-            line += " " + std::to_string(data.block[1 + i]);
-         }
-         _state->pointer = static_cast<std::uint16_t>(command << 8 | data.block[1]);
-      } else {
-         const std::uint32_t value = _state->registers[_state->pointer];
-         for (unsigned i = 0; i < 4; ++i) {
-            data.block[1 + i] = static_cast<std::uint8_t>(value >> (24 - 8 * i));
-         }
-         line += " " + std::to_string(data.block[0]);
-      }
-      _state->journal.push_back(line);
-      return _state->transferError;
-   }
-
-private:
-   const std::shared_ptr<State> _state;
-};
-
 class SornTest : public testing::Test {
 protected:
    Ptr<SornDesc> gatedBus(const String& name = "bus") {
-      return manager->busNew(name, std::make_unique<GatedBackend>(gate));
+      return manager->busNew(name, std::make_unique<TestSupport::GatedSornBackend>(gate));
    }
 
    /// A request that reads into `values`.
@@ -133,7 +54,8 @@ protected:
    }
 
    Platform::EventLoop loop;
-   std::shared_ptr<GatedBackend::State> gate = std::make_shared<GatedBackend::State>();
+   std::shared_ptr<TestSupport::GatedSornBackend::State> gate =
+      std::make_shared<TestSupport::GatedSornBackend::State>();
    std::unique_ptr<SornManager> manager = std::make_unique<SornManager>(loop);
 };
 
@@ -285,8 +207,9 @@ TEST_F(SornTest, AClientWithManyRequestsDelaysAnothersByOneOperation) {
 TEST_F(SornTest, AHangingBusHoldsUpNoOtherBus) {
    gate->gateIs(false);
    const auto hanging = gatedBus("hanging")->sorn();
-   auto free = std::make_shared<GatedBackend::State>();
-   const auto healthy = manager->busNew("healthy", std::make_unique<GatedBackend>(free))->sorn();
+   auto free = std::make_shared<TestSupport::GatedSornBackend::State>();
+   const auto healthy =
+      manager->busNew("healthy", std::make_unique<TestSupport::GatedSornBackend>(free))->sorn();
    std::uint32_t hangingValue = 0;
    const auto stuck = read(hanging, 1, hangingValue);
    gate->awaitArrivals(1);
