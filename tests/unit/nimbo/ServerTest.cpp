@@ -1059,6 +1059,84 @@ TEST_F(ServerTest, ItsEndDoesNotWaitForClientsThatGoOnAndOn) {
 
 // -- all at once ---------------------------------------------------------------------------------
 
+TEST_F(ServerTest, ClientsThatComeAndGoAnyHowLeaveNothingBehind) {
+   constexpr int clients = 8;
+   constexpr int rounds = 60;
+   start(3, clients * rounds);
+   std::atomic<int> over = 0;
+   std::atomic<unsigned> wrong = 0;
+   std::vector<std::thread> threads;
+   for (int i = 0; i < clients; ++i) {
+      threads.emplace_back([&, i] {
+         std::mt19937 random(static_cast<unsigned>(i) + 1);
+         const auto upTo = [&random](unsigned limit) {
+            return static_cast<unsigned>(random() % limit);
+         };
+         for (int round = 0; round < rounds; ++round) {
+            SmbusClient client(path);
+            const unsigned whole = upTo(6);
+            std::string bytes;
+            for (unsigned k = 0; k < whole; ++k) {
+               bytes += SmbusRequests(k)
+                           .read({.bus = upTo(4)}, 1 + upTo(8192))
+                           .write({.bus = upTo(4)}, {1})
+                           .frame();
+            }
+            switch (upTo(6)) {
+            case 0: // goes at once
+               client.send(bytes);
+               break;
+            case 1: // goes in a frame
+               client.send(bytes + bytes.substr(0, bytes.size() / 3));
+               break;
+            case 2: // is no client
+               client.send(bytes + "garbage");
+               break;
+            case 3: // reads a bit
+               client.send(bytes);
+               if (whole > 0 && !client.response()) {
+                  ++wrong;
+               }
+               break;
+            case 4: // stops reading
+               for (unsigned k = 0; k < 100; ++k) {
+                  client.sendSome(SmbusRequests(k).read({}, 8192).frame());
+               }
+               break;
+            default: // is a good client
+               client.send(bytes);
+               client.halfClose();
+               for (unsigned k = 0; k < whole; ++k) {
+                  const auto response = client.response();
+                  wrong += !response || response->xid() != k ? 1 : 0;
+               }
+               wrong += client.isEnded() ? 0 : 1;
+            }
+         }
+         ++over;
+      });
+   }
+   std::vector<std::shared_ptr<FakeSmbus>> old;
+   for (std::size_t count = 1; over < clients; count = count % 4 + 1) {
+      loop.runUntil([&] { return over == clients; }, std::chrono::milliseconds(20));
+      old.insert(old.end(), fakes.begin(), fakes.end());
+      busesAre(count);
+   }
+   for (std::thread& thread : threads) {
+      thread.join();
+   }
+   EXPECT_EQ(wrong, 0U);
+   EXPECT_TRUE(hasConnections(0));
+   for (const auto& fake : old) {
+      EXPECT_FALSE(fake->isMisused());
+   }
+   busesAre(1);
+   takeIn(clients * rounds);
+   const auto client = clientNew();
+   ASSERT_TRUE(client->send(SmbusRequests(7).read({}, 1).frame()));
+   EXPECT_TRUE(client->response());
+}
+
 TEST_F(ServerTest, ManyClientsAtOnceAllGetTheirOwnAnswers) {
    constexpr unsigned clients = 16;
    constexpr unsigned buses = 3;
