@@ -62,15 +62,19 @@ bool KernelI2c::isLocked() {
 }
 
 void KernelI2c::locked(int operation) {
-   order.push_back(operation == LOCK_EX   ? "lock exclusive"
-                   : operation == LOCK_UN ? "unlock"
-                                          : "lock " + std::to_string(operation));
+   {
+      const std::scoped_lock lock(_mutex);
+      order.push_back(operation == LOCK_EX   ? "lock exclusive"
+                      : operation == LOCK_UN ? "unlock"
+                                             : "lock " + std::to_string(operation));
+   }
    if (operation == LOCK_EX && onLock) {
       onLock();
    }
 }
 
 int KernelI2c::answer(unsigned long request, void* argument) {
+   { const std::scoped_lock lock(_mutex); }
    Call call;
    call.request = request;
    call.locked = isLocked();

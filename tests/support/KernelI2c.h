@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -104,6 +105,7 @@ private:
    int _messages(void* argument, Call call);
    int _note(const Call& call);
 
+   std::mutex _mutex; // threads that the lock makes wait for each other follow each other here too
    TempDir _dir;
    std::string _path;
 };

@@ -22,9 +22,11 @@
 #include <gtest/gtest.h>
 
 #include "platform/trace/CaptureScope.h"
+#include "TarnRegFile/I2cTransportMethodImpl.h"
 #include "TarnRegFile/Utils.h"
 #include "tests/support/Failure.h"
 #include "tests/support/KernelI2c.h"
+#include "tests/support/TempDir.h"
 
 namespace Nimbo {
 namespace {
@@ -146,6 +148,25 @@ TEST_F(LinuxBackendTest, ExcludesAnotherProcessWhileItHasTheBus) {
    EXPECT_TRUE(isRefused());
    backend.end();
    EXPECT_FALSE(isRefused());
+}
+
+TEST_F(LinuxBackendTest, SharesItsLockWithProgramsThatUseTheNodeDirectly) {
+   const TestSupport::TempDir directory;
+   const std::string list = directory.write("list.csv", "number,name,type,writeable,width\n"
+                                                        "16,STATUS,led,true,32\n");
+   TarnRegFile::I2cTransportMethodImpl transport(kernel.path().c_str(), 0x50, list.c_str(),
+                                                 TarnRegFile::I2cFlavour::dataBlock, nullptr);
+   backend.begin();
+   kernel.order.clear();
+   std::promise<void> waits;
+   kernel.onLock = [&] { waits.set_value(); };
+   std::thread thread([&] { transport.regRead("STATUS"); });
+   waits.get_future().wait();
+   EXPECT_EQ(read(0x50, {1}, 2), 0);
+   backend.end();
+   thread.join();
+   EXPECT_THAT(kernel.order,
+               ElementsAre("lock exclusive", "transfer", "unlock", "write", "read", "unlock"));
 }
 
 // -- a controller that speaks I2C ----------------------------------------------------------------
