@@ -72,13 +72,16 @@ void Server::_accept() {
    if (client.fd() < 0) {
       const int error = errno;
       if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
-         TARN_TRACE(traceSource, 0, "accept", "No connection can be taken in: {}",
-                    errorText(error));
+         if (!std::exchange(_isFull, true)) {
+            TARN_TRACE(traceSource, 0, "accept", "No connection can be taken in: {}",
+                       errorText(error));
+         }
          _listener->activeIs(false);
          _acceptAgain.startIn(acceptPause);
       }
       return; // else the client went away, or another process took it
    }
+   _isFull = false;
    std::string peer;
    if (!_admission(client.fd(), peer)) {
       _counters.refused.Inc();

@@ -98,6 +98,7 @@ private:
    const Admission _admission;
    std::unique_ptr<Platform::FdWatch> _listener;
    Platform::Timer _acceptAgain;
+   bool _isFull = false; // the system has nothing left for a connection, which has been said
    std::uint64_t _latestId = 0;
    std::function<void()> _stopped;
    Counters _counters;
