@@ -100,6 +100,10 @@ public:
    /// one there nor makes an error notifier.
    void implPtrIs(BaseTransportMethodImpl* impl) noexcept { _impl = impl; }
 
+   /// The transport, which stays this one's; null before initialisation and after
+   /// handleDeletion(). For what only one kind of transport has.
+   BaseTransportMethodImpl* implPtr() const noexcept { return _impl; }
+
    /// Reads `count` consecutive words of a register array: `count` * 4 bytes in host byte order,
    /// zero where a failed read stored nothing. No helper is called.
    ///

@@ -19,6 +19,7 @@
 #include "platform/entity/Errors.h"
 #include "platform/hardware/PciHwAccessImpl.h"
 #include "platform/hardware/SpiHwAccess.h"
+#include "TarnRegFile/I2cSornTransportDescriptor.h"
 #include "TarnRegFile/I2cTransportDescriptor.h"
 #include "TarnRegFile/NimboSmbusTransportDescriptor.h"
 #include "TarnRegFile/PciTransportDescriptor.h"
@@ -160,17 +161,27 @@ TransportUrl::Where pciAt(Rest& rest) {
    return PciAt{std::string(text)};
 }
 
-TransportUrl::Where i2cAt(Rest& rest) {
-   rest.optionsAre({"flavour"});
+/// "PATH@ADDRESS", taken apart.
+std::pair<std::string, std::uint8_t> pathAndAddress(const Rest& rest) {
    const std::string_view place = rest.place();
    const std::size_t at = place.rfind('@');
    if (at == std::string_view::npos || at == 0) {
       rest.fail(at == 0 ? "no path" : "no address");
    }
-   const std::uint8_t address = rest.address(place.substr(at + 1));
+   return {std::string(place.substr(0, at)), rest.address(place.substr(at + 1))};
+}
+
+TransportUrl::Where i2cAt(Rest& rest) {
+   rest.optionsAre({"flavour"});
+   const auto [path, address] = pathAndAddress(rest);
    const std::uint32_t flavour = rest.number("flavour", 1, 2).value_or(1);
-   return I2cAt{std::string(place.substr(0, at)), address,
-                static_cast<TarnRegFile::I2cFlavour>(flavour)};
+   return I2cAt{path, address, static_cast<TarnRegFile::I2cFlavour>(flavour)};
+}
+
+TransportUrl::Where sornAt(Rest& rest) {
+   rest.optionsAre({"timeout"});
+   const auto [path, address] = pathAndAddress(rest);
+   return SornAt{path, address, rest.number("timeout", 0, UINT32_MAX).value_or(0)};
 }
 
 TransportUrl::Where spiAt(Rest& rest) {
@@ -251,6 +262,7 @@ constexpr std::array schemes{
    Scheme{"smbus",
           "smbus:BUS@ADDRESS[?flavour=1|2&controller=N&pci=BUS:DEVICE.FUNCTION&socket=PATH]",
           smbusAt},
+   Scheme{"sorn", "sorn:PATH@ADDRESS[?timeout=MS]", sornAt},
 };
 
 /// Names a daemon's socket to the SMBus transport, in its two pieces.
@@ -318,39 +330,48 @@ std::string TransportUrl::valuesFile() const {
                                                         : std::string(fromEnvironment);
 }
 
-Platform::Ptr<TarnRegFile::BaseTransportDescriptor> TransportUrl::descriptor() const {
+Platform::Ptr<TarnRegFile::BaseTransportDescriptor>
+TransportUrl::descriptor(Platforms* platforms) const {
    using Descriptor = Platform::Ptr<TarnRegFile::BaseTransportDescriptor>;
-   return std::visit(Overloaded{[](const MockAt& mock) -> Descriptor {
-                                   if (!mock.valuesFile.empty()) {
-                                      ::setenv(valuesFileVariable, mock.valuesFile.c_str(), 1);
-                                   }
-                                   return TarnRegFile::mockTransportDescriptorFactory();
-                                },
-                                [](const PciAt& pci) -> Descriptor {
-                                   return TarnRegFile::pciTransportDescriptorFactory(
-                                      Hardware::pciHwAccessImplFactory(pci.path, pci.path));
-                                },
-                                [](const I2cAt& i2c) -> Descriptor {
-                                   return TarnRegFile::i2cTransportDescriptorFactory(
-                                      i2c.path, i2c.address, i2c.flavour);
-                                },
-                                [](const SpiAt& spi) -> Descriptor {
-                                   const auto access =
-                                      Hardware::spiHwAccessFactory(spi.settings.path, spi.settings);
-                                   // Whoever names the device wants it used; whether it is there,
-                                   // the transfer tells.
-                                   access->readyIs(true);
-                                   return TarnRegFile::spiTransportDescriptorFactory(access);
-                                },
-                                [](const SmbusAt& smbus) -> Descriptor {
-                                   if (!smbus.socket.empty()) {
-                                      socketIs(smbus.socket);
-                                   }
-                                   return TarnRegFile::nimboSmbusTransportDescriptorFactory(
-                                      smbus.busId, smbus.devAddr, smbus.accelId, smbus.flavour,
-                                      smbus.pciAddr);
-                                }},
-                     _where);
+   return std::visit(
+      Overloaded{[](const MockAt& mock) -> Descriptor {
+                    if (!mock.valuesFile.empty()) {
+                       ::setenv(valuesFileVariable, mock.valuesFile.c_str(), 1);
+                    }
+                    return TarnRegFile::mockTransportDescriptorFactory();
+                 },
+                 [](const PciAt& pci) -> Descriptor {
+                    return TarnRegFile::pciTransportDescriptorFactory(
+                       Hardware::pciHwAccessImplFactory(pci.path, pci.path));
+                 },
+                 [](const I2cAt& i2c) -> Descriptor {
+                    return TarnRegFile::i2cTransportDescriptorFactory(i2c.path, i2c.address,
+                                                                      i2c.flavour);
+                 },
+                 [](const SpiAt& spi) -> Descriptor {
+                    const auto access =
+                       Hardware::spiHwAccessFactory(spi.settings.path, spi.settings);
+                    // Whoever names the device wants it used; whether it is there,
+                    // the transfer tells.
+                    access->readyIs(true);
+                    return TarnRegFile::spiTransportDescriptorFactory(access);
+                 },
+                 [](const SmbusAt& smbus) -> Descriptor {
+                    if (!smbus.socket.empty()) {
+                       socketIs(smbus.socket);
+                    }
+                    return TarnRegFile::nimboSmbusTransportDescriptorFactory(
+                       smbus.busId, smbus.devAddr, smbus.accelId, smbus.flavour, smbus.pciAddr);
+                 },
+                 [platforms](const SornAt& sorn) -> Descriptor {
+                    if (!platforms) {
+                       throw std::logic_error("sorn: needs an access manager");
+                    }
+                    const auto bus = platforms->sornManager().linuxBus(sorn.path);
+                    bus->timeoutIs(sorn.timeout);
+                    return TarnRegFile::i2cSornTransportDescriptorFactory(sorn.address, bus);
+                 }},
+      _where);
 }
 
 } // namespace Board

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <variant>
 
+#include "board/Platforms.h"
 #include "platform/entity/Ptr.h"
 #include "platform/hardware/SpidevBackend.h"
 #include "TarnRegFile/I2cFlavour.h"
@@ -46,6 +47,13 @@ struct SmbusAt {
    std::string socket; ///< the daemon's; empty for where the environment says
 };
 
+/// A device on one of the kernel's I2C buses, through the access manager.
+struct SornAt {
+   std::string path;
+   std::uint8_t address = 0;
+   std::uint32_t timeout = 0; ///< milliseconds that an access may take; 0 for no limit
+};
+
 /// What the SMBus transport finds its daemon's socket by: a directory, and a name in it.
 inline constexpr const char* socketDirectoryVariable = "NM_SOCKET_DIR";
 inline constexpr const char* socketFileVariable = "NM_SOCKET_FILE";
@@ -62,11 +70,12 @@ inline constexpr const char* socketFileVariable = "NM_SOCKET_FILE";
 ///     smbus:BUS@ADDRESS[?flavour=1|2&controller=N&pci=[DOMAIN:]BUS:DEVICE.FUNCTION&socket=PATH]
 ///                                        flavour 1, controller 0, no PCI function, and the socket
 ///                                        that NM_SOCKET_DIR and NM_SOCKET_FILE name, unless told
+///     sorn:PATH@ADDRESS[?timeout=MS]     without limit unless told; 0 is none either
 ///
 /// Numbers are decimal, 0x hexadecimal or 0b binary. A plain value.
 class TransportUrl {
 public:
-   using Where = std::variant<MockAt, PciAt, I2cAt, SpiAt, SmbusAt>;
+   using Where = std::variant<MockAt, PciAt, I2cAt, SpiAt, SmbusAt, SornAt>;
 
    /// Opens nothing. Throws std::invalid_argument, naming the text and what is wrong with it.
    explicit TransportUrl(std::string_view text);
@@ -89,7 +98,12 @@ public:
    /// variables that the SMBus transport reads: to be called while the process has one thread. What
    /// it points there stays so, for those that say nothing themselves too. Throws std::system_error
    /// ENAMETOOLONG (generic category) for a socket of more than 107 characters.
-   Platform::Ptr<TarnRegFile::BaseTransportDescriptor> descriptor() const;
+   ///
+   /// The access manager of `platforms` has the device of sorn:, and throws what
+   /// Hardware::SornManager::linuxBus() throws; without it, std::logic_error is thrown. The other
+   /// transports need none.
+   Platform::Ptr<TarnRegFile::BaseTransportDescriptor>
+   descriptor(Platforms* platforms = nullptr) const;
 
 private:
    std::string _text;

@@ -41,6 +41,7 @@ struct Arguments {
    std::vector<std::string> conditions;
    double pollInterval = 0.1;
    double timeout = 10;
+   double accessTimeout = 0;
    std::string otherDevice;
    std::string otherTransport;
    std::string dumpFile;
@@ -126,9 +127,11 @@ private:
    static CLI::Option* _words(CLI::App& verb, const char* name, std::vector<std::string>& words,
                               const char* help);
    void _diff(Report& report);
+   void _accessTimeout(CLI::App& verb);
+   void _bound(Device& device) const;
    static void _seconds(CLI::App& verb, const char* name, double& value, const char* help);
    void _installTrace();
-   Device& _device();
+   Device& _device(const Device* other = nullptr);
    Console& _talk();
    ExitCode _runVerb();
 
@@ -140,6 +143,7 @@ private:
    std::shared_ptr<FailureSink> _failures;
    std::function<void(Report&)> _action;
    std::unique_ptr<Console> _console;
+   const std::shared_ptr<Board::Platforms> _platforms = std::make_shared<Board::Platforms>();
    std::unique_ptr<Device> _opened;
 };
 
@@ -186,6 +190,7 @@ void Command::_globalOptions() {
                   "mock:[VALUES-FILE]\n"
                   "pci:BUS:DEVICE.FUNCTION[/resourceN], pci:PATH\n"
                   "i2c:PATH@ADDRESS[?flavour=1|2]\n"
+                  "sorn:PATH@ADDRESS[?timeout=MS]\n"
                   "spi:PATH[?speed=HZ&mode=0..3]\n"
                   "smbus:BUS@ADDRESS[?flavour=1|2&controller=N\n"
                   "  &pci=BUS:DEVICE.FUNCTION&socket=PATH]")
@@ -258,6 +263,7 @@ void Command::_verbs() {
       readRegisters(_device(), _arguments.patterns, report);
    });
    _words(*read, "PATTERN", _arguments.patterns, patternHelp)->required();
+   _accessTimeout(*read);
 
    CLI::App* write = _verb("write", "registers", "Write registers", [this](Report& report) {
       writeRegisters(_device(), _arguments.assignments, _arguments.write, _talk(), report);
@@ -269,6 +275,7 @@ void Command::_verbs() {
    write->add_flag("--verify", _arguments.write.verify, "Read back and compare");
    write->add_flag("--confirm,-i", _arguments.write.confirm, "Ask before writing");
    write->add_flag("--force", _arguments.write.force, "Write read-only registers too");
+   _accessTimeout(*write);
 
    CLI::App* dump =
       _verb("dump", "registers", "Read every register but the configuration ones",
@@ -277,6 +284,7 @@ void Command::_verbs() {
             });
    _words(*dump, "PATTERN", _arguments.patterns, patternHelp);
    dump->add_flag("--all", _arguments.dumpAll, "Configuration registers (type cfg) too");
+   _accessTimeout(*dump);
 
    CLI::App* watch =
       _verb("watch", "registers", "Read registers again and again and print those that change",
@@ -290,6 +298,7 @@ void Command::_verbs() {
    watch->add_option("--count", _arguments.watchCount, "Rounds; without it until interrupted")
       ->option_text("N")
       ->check(CLI::PositiveNumber);
+   _accessTimeout(*watch);
 
    CLI::App* poll =
       _verb("poll", "registers", "Read registers until they hold what is waited for",
@@ -324,6 +333,7 @@ void Command::_verbs() {
       ->transform(unguarded());
    other->require_option(1);
    diff->add_flag("--all", _arguments.diffAll, "Configuration registers (type cfg) too");
+   _accessTimeout(*diff);
 
    CLI::App* check =
       _verb("check", "problems", "Report every problem of a register list",
@@ -352,6 +362,7 @@ void Command::_verbs() {
       ->required()
       ->transform(unguarded());
    _words(*call, "ARGUMENT", _arguments.operands, "The operation's arguments, in order");
+   _accessTimeout(*call);
 }
 
 void Command::_diff(Report& report) {
@@ -375,8 +386,9 @@ void Command::_diff(Report& report) {
       place = devicePlace(options);
    }
    checkValuesFile(place.url.valuesFile(), false);
-   Device other(place.list, place.url, _failures);
-   diffDevices(_device(), other, _arguments.patterns, _arguments.diffAll, report);
+   Device other(place.list, place.url, _failures, _platforms);
+   _bound(other);
+   diffDevices(_device(&other), other, _arguments.patterns, _arguments.diffAll, report);
 }
 
 void Command::_installTrace() {
@@ -391,12 +403,27 @@ void Command::_installTrace() {
    Platform::Trace::sinkIs(_failures);
 }
 
-Device& Command::_device() {
+void Command::_accessTimeout(CLI::App& verb) {
+   _seconds(verb, "--timeout", _arguments.accessTimeout,
+            "Seconds that an access may take through sorn:, exit code 6");
+}
+
+void Command::_bound(Device& device) const {
+   if (_arguments.accessTimeout > 0) {
+      device.accessTimeoutIs(millisecondsOf(seconds(_arguments.accessTimeout)));
+   }
+}
+
+Device& Command::_device(const Device* other) {
    if (!_opened) {
       const DevicePlace place = devicePlace(_options);
       checkValuesFile(place.url.valuesFile(),
                       (_verbName == "write" && !_arguments.write.dryRun) || _verbName == "call");
-      _opened = std::make_unique<Device>(place.list, place.url, _failures);
+      _opened = std::make_unique<Device>(place.list, place.url, _failures, _platforms);
+      _bound(*_opened);
+   }
+   if (_arguments.accessTimeout > 0 && !_opened->isAsync() && !(other && other->isAsync())) {
+      throw Failure(ExitCode::usage, "--timeout bounds accesses of sorn: transports only");
    }
    return *_opened;
 }

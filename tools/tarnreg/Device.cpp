@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <optional>
@@ -16,6 +17,7 @@
 #include "platform/entity/Errors.h"
 #include "platform/hardware/SpiEngineSm.h"
 #include "platform/hardware/SpiEngineStatus.h"
+#include "TarnRegFile/I2cTransportSornImpl.h"
 #include "TarnRegFile/RegisterFileChecker.h"
 #include "TarnRegFile/RegisterFileHelper.h"
 #include "TarnRegFile/SpiTransportDescriptor.h"
@@ -89,8 +91,9 @@ private:
 } // namespace
 
 Device::Device(const std::string& file, const Board::TransportUrl& url,
-               std::shared_ptr<FailureSink> failures)
+               std::shared_ptr<FailureSink> failures, std::shared_ptr<Board::Platforms> platforms)
    : Device(TarnRegFile::transportMethodFactory(file), std::move(failures)) {
+   _platforms = platforms ? std::move(platforms) : std::make_shared<Board::Platforms>();
    // Loading it would stop the process.
    if (const std::size_t line = TarnRegFile::RegisterFileChecker::stoppingLine(file)) {
       throw Failure(
@@ -106,11 +109,16 @@ void Device::_open(const std::string& file, const Board::TransportUrl& url) {
    const EnvironmentKept directory(Board::socketDirectoryVariable);
    const EnvironmentKept socket(Board::socketFileVariable);
    try {
-      const auto descriptor = url.descriptor();
+      const auto descriptor = url.descriptor(_platforms.get());
       if (const auto spi = Platform::ptrCast<TarnRegFile::SpiTransportDescriptor>(descriptor)) {
          _spi = Platform::ptrCast<const Hardware::SpiHwAccess>(spi->hwAccess());
       }
       _method->init(descriptor, file);
+      if (const auto* sorn = dynamic_cast<TarnRegFile::I2cTransportSornImpl*>(_method->implPtr())) {
+         _sorn = sorn->sorn();
+         _pending = Platform::make<PendingAccesses>(sorn->sm());
+         _method->asyncHelperIs(_pending);
+      }
    } catch (const std::exception& error) {
       // List and device are opened in one go; looking at the list alone tells which it was.
       if (const std::string problem = listProblem(file); !problem.empty()) {
@@ -181,13 +189,66 @@ void Device::access(const char* what, const std::string& name, const std::functi
 }
 
 std::uint32_t Device::read(const std::string& name) {
+   if (isAsync()) {
+      return finish(readBegin(name));
+   }
    std::uint32_t value = 0;
    _accessRegister("read", name, [&] { value = _method->regRead(name); });
    return value;
 }
 
 void Device::write(const std::string& name, std::uint32_t value) {
-   _accessRegister("write", name, [&] { _method->regWrite(name, value); });
+   const auto write = [&] { _method->regWrite(name, value); };
+   if (isAsync()) {
+      finish(_begin(false, name, write));
+   } else {
+      _accessRegister("write", name, write);
+   }
+}
+
+std::shared_ptr<PendingAccess> Device::readBegin(const std::string& name) {
+   return _begin(true, name, [&] { _method->regRead(name); });
+}
+
+std::shared_ptr<PendingAccess> Device::_begin(bool isRead, const std::string& name,
+                                              const std::function<void()>& run) {
+   const auto pending = std::make_shared<PendingAccess>();
+   pending->name = name;
+   try {
+      _accessRegister(isRead ? "read" : "write", name, run);
+      _pending->add(isRead, pending);
+   } catch (const AccessError& error) {
+      pending->failure = error;
+      pending->isDone = true;
+   }
+   return pending;
+}
+
+std::uint32_t Device::submit(bool isRead, const std::string& name,
+                             const std::function<void()>& run) {
+   const auto pending = std::make_shared<PendingAccess>();
+   pending->name = name;
+   access(isRead ? "read" : "write", name, run);
+   _pending->add(isRead, pending);
+   return finish(pending);
+}
+
+std::uint32_t Device::finish(const std::shared_ptr<PendingAccess>& access) {
+   // Whether it may take for ever is the access's time-out to say.
+   constexpr std::chrono::hours aDay(24);
+   while (!access->isDone) {
+      _platforms->eventLoop().runUntil([&] { return access->isDone; }, aDay);
+   }
+   if (access->failure) {
+      throw *access->failure;
+   }
+   return access->value;
+}
+
+void Device::accessTimeoutIs(std::uint32_t milliseconds) {
+   if (_sorn) {
+      _sorn->timeoutIs(milliseconds);
+   }
 }
 
 std::uint32_t Device::valueMask(const HardwareRegister& record) const noexcept {
@@ -197,6 +258,17 @@ std::uint32_t Device::valueMask(const HardwareRegister& record) const noexcept {
       return __builtin_bswap32(all >> (record.accessWidth - record.width) % 32);
    }
    return record.width >= 32 ? all : (1U << record.width) - 1;
+}
+
+bool Device::readsWholeWords() const noexcept {
+   return std::holds_alternative<Board::SornAt>(_where);
+}
+
+std::uint32_t Device::writtenPart(const HardwareRegister& record,
+                                  std::uint32_t value) const noexcept {
+   // Two bytes are written of it, and come first when four are read.
+   constexpr std::uint32_t shortWidth = 16;
+   return readsWholeWords() && record.width == shortWidth ? value >> shortWidth : value;
 }
 
 void Device::requireReadable() const {

@@ -7,11 +7,14 @@
 #include <string_view>
 #include <vector>
 
+#include "board/Platforms.h"
 #include "board/TransportUrl.h"
+#include "platform/hardware/Sorn.h"
 #include "platform/hardware/SpiHwAccess.h"
 #include "TarnRegFile/TransportMethod.h"
 #include "tools/tarnreg/AccessError.h"
 #include "tools/tarnreg/FailureSink.h"
+#include "tools/tarnreg/PendingAccess.h"
 
 namespace TarnReg {
 
@@ -21,8 +24,12 @@ class Device {
 public:
    /// Opens the device whose register list is at `file`. Throws Failure, and what else
    /// TransportMethod::init() throws. A list that would stop the process is refused too.
+   ///
+   /// `platforms` are those of the program, for devices that are to share a bus; without them the
+   /// device has its own.
    Device(const std::string& file, const Board::TransportUrl& url,
-          std::shared_ptr<FailureSink> failures);
+          std::shared_ptr<FailureSink> failures,
+          std::shared_ptr<Board::Platforms> platforms = nullptr);
 
    /// Takes over a device that has its transport already, and makes it raise its failures.
    Device(Platform::Ptr<TarnRegFile::TransportMethod> method,
@@ -45,6 +52,13 @@ public:
    /// leaves in the upper part.
    std::uint32_t valueMask(const TarnRegFile::HardwareRegister& record) const noexcept;
 
+   /// Whether a read gives four bytes of the device whatever the register's width.
+   bool readsWholeWords() const noexcept;
+
+   /// The part of a read value that a write of the register goes to.
+   std::uint32_t writtenPart(const TarnRegFile::HardwareRegister& record,
+                             std::uint32_t value) const noexcept;
+
    /// Throws Failure (deviceError) for a device that can only be written.
    void requireReadable() const;
 
@@ -64,18 +78,42 @@ public:
    std::uint32_t read(const std::string& name);
    void write(const std::string& name, std::uint32_t value);
 
+   // Of a device whose results arrive later, several accesses can be under way.
+
+   bool isAsync() const noexcept { return static_cast<bool>(_pending); }
+
+   /// Begins a read. The device has to be asynchronous.
+   std::shared_ptr<PendingAccess> readBegin(const std::string& name);
+
+   /// Calls `run`, which begins one access of the register `name` through method(), and waits for
+   /// its end. Throws as access(), and AccessError. The device has to be asynchronous.
+   std::uint32_t submit(bool isRead, const std::string& name, const std::function<void()>& run);
+
+   /// Waits for the end, and returns the value that was read. Throws AccessError.
+   std::uint32_t finish(const std::shared_ptr<PendingAccess>& access);
+
+   /// How long an access may take, in milliseconds; 0, which it always is where the transport
+   /// itself waits, for no limit. Setting it does nothing there.
+   std::uint32_t accessTimeout() const noexcept { return _sorn ? _sorn->timeout() : 0; }
+   void accessTimeoutIs(std::uint32_t milliseconds);
+
 private:
    void _open(const std::string& file, const Board::TransportUrl& url);
+   std::shared_ptr<PendingAccess> _begin(bool isRead, const std::string& name,
+                                         const std::function<void()>& run);
    void _send(const char* what, const std::string& name);
    void _accessRegister(const char* what, const std::string& name,
                         const std::function<void()>& run);
    AccessError _failure(const char* what, const std::string& name, const std::string& fallback,
                         ExitCode code);
 
+   std::shared_ptr<Board::Platforms> _platforms; // outlives the device's transport
    Platform::Ptr<TarnRegFile::TransportMethod> _method;
    std::shared_ptr<FailureSink> _failures;
    Board::TransportUrl::Where _where;
    Platform::Ptr<const Hardware::SpiHwAccess> _spi; // if it is behind SPI
+   Platform::Ptr<Hardware::Sorn> _sorn;             // if it is behind the access manager
+   Platform::Ptr<PendingAccesses> _pending;         // likewise
    std::vector<const TarnRegFile::HardwareRegister*> _registers;
 };
 

@@ -6,6 +6,7 @@
 #include "tools/tarnreg/Failure.h"
 #include "tools/tarnreg/NamePattern.h"
 #include "tools/tarnreg/Printable.h"
+#include "tools/tarnreg/ReadAhead.h"
 #include "tools/tarnreg/SavedDump.h"
 #include "tools/tarnreg/Selection.h"
 #include "tools/tarnreg/Verbs.h"
@@ -21,12 +22,13 @@ using Other = std::function<std::optional<std::uint32_t>(const HardwareRegister&
 
 void compare(Device& device, const Selection& selection, const Other& other, Report& report) {
    report.nameWidthIs(nameColumnWidth(selection));
+   ReadAhead values(device, selection);
    std::size_t compared = 0;
    std::size_t differing = 0;
    for (const HardwareRegister* record : selection) {
       std::optional<std::uint32_t> here;
       try {
-         here = device.read(record->name);
+         here = values.next();
       } catch (const AccessError& error) {
          report.failure(error.code(), error.what(), record->name);
       }
@@ -62,6 +64,9 @@ void diffDevices(Device& device, Device& other, const std::vector<std::string>& 
    if (!all) {
       withoutConfiguration(selection);
    }
+   Selection there = selection;
+   std::erase_if(there, [&](const HardwareRegister* record) { return !other.find(record->name); });
+   ReadAhead values(other, there);
    compare(
       device, selection,
       [&](const HardwareRegister& record) -> std::optional<std::uint32_t> {
@@ -73,7 +78,7 @@ void diffDevices(Device& device, Device& other, const std::vector<std::string>& 
             return std::nullopt;
          }
          try {
-            return other.read(record.name);
+            return values.next();
          } catch (const AccessError& error) {
             report.failure(error.code(), fmt::format("the other device: {}", error.what()),
                            record.name);

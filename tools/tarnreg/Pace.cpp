@@ -1,5 +1,6 @@
 #include "tools/tarnreg/Pace.h"
 
+#include <algorithm>
 #include <thread>
 
 namespace TarnReg {
@@ -7,6 +8,12 @@ namespace TarnReg {
 Pace Pace::real() {
    return {[] { return Clock::now(); },
            [](Clock::duration duration) { std::this_thread::sleep_for(duration); }};
+}
+
+std::uint32_t millisecondsOf(Pace::Clock::duration duration) {
+   constexpr std::chrono::milliseconds most(UINT32_MAX);
+   return static_cast<std::uint32_t>(
+      std::min(most, std::chrono::ceil<std::chrono::milliseconds>(duration)).count());
 }
 
 } // namespace TarnReg

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 
 namespace TarnReg {
@@ -16,5 +17,8 @@ struct Pace {
    /// The real thing.
    static Pace real();
 };
+
+/// As a number, rounded up, and as large as the number gets.
+std::uint32_t millisecondsOf(Pace::Clock::duration duration);
 
 } // namespace TarnReg

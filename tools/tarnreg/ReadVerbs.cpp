@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "tools/tarnreg/Printable.h"
+#include "tools/tarnreg/ReadAhead.h"
 #include "tools/tarnreg/Selection.h"
 #include "tools/tarnreg/Verbs.h"
 
@@ -15,10 +16,11 @@ namespace {
 void readSelection(Device& device, const Selection& selection, Report& report) {
    report.nameWidthIs(nameColumnWidth(selection));
    std::size_t done = 0;
+   ReadAhead values(device, selection);
    for (const HardwareRegister* record : selection) {
       report.progress(done++, selection.size());
       try {
-         report.value(*record, device.read(record->name));
+         report.value(*record, values.next());
       } catch (const AccessError& error) {
          report.failure(error.code(), error.what(), record->name);
       }

@@ -143,11 +143,24 @@ void callOperation(Device& device, const std::string& operation,
       throw Failure(ExitCode::deviceError,
                     fmt::format("cannot call {}: this transport has no block access", operation));
    }
+   if (operation == "dumpAll" && device.isAsync()) {
+      throw Failure(ExitCode::deviceError,
+                    "cannot call dumpAll: the values of this transport arrive later; tarnreg dump "
+                    "waits for them");
+   }
    try {
       Platform::Value result;
-      device.access("call", operation, [&] {
+      const auto call = [&] {
          result = method.typeData().invokeText(method, operation, arguments, nullptr);
-      });
+      };
+      const bool isRead = operation == "regRead";
+      if (device.isAsync() && !arguments.empty() && (isRead || operation == "regWrite")) {
+         // What it returns is not the register's value yet.
+         const std::uint32_t value = device.submit(isRead, arguments[0], call);
+         result = isRead ? Platform::Value::of(value) : Platform::Value();
+      } else {
+         device.access("call", operation, call);
+      }
       if (printCollections(result, report)) {
          return;
       }

@@ -6,6 +6,7 @@
 #include "tools/tarnreg/Failure.h"
 #include "tools/tarnreg/NamePattern.h"
 #include "tools/tarnreg/Printable.h"
+#include "tools/tarnreg/ReadAhead.h"
 #include "tools/tarnreg/Selection.h"
 #include "tools/tarnreg/Verbs.h"
 
@@ -22,9 +23,9 @@ struct Seen {
    std::string error;
 };
 
-void look(Device& device, Seen& seen, Report& report) {
+void look(ReadAhead& values, Seen& seen, Report& report) {
    try {
-      const std::uint32_t value = device.read(seen.record->name);
+      const std::uint32_t value = values.next();
       if (seen.value != value) {
          seen.value = value;
          report.value(*seen.record, value);
@@ -68,7 +69,9 @@ void appendConditions(Device& device, const std::string& text, std::vector<Condi
          fmt::format("{}: never, {:#x} has bits that the mask leaves out", text, wanted));
    }
    for (const HardwareRegister* record : selectRegisters(device, name)) {
-      requireFits(device, *record, wanted);
+      if (!device.readsWholeWords()) {
+         requireFits(device, *record, wanted);
+      }
       out.push_back({record, mask, wanted});
    }
 }
@@ -100,6 +103,14 @@ std::optional<std::string> unmet(Device& device, const std::vector<Condition>& c
    return std::nullopt;
 }
 
+/// The time that an access may take, in milliseconds, while `left` is left of all: no more than
+/// that, and than `set` unless that is 0. The last look has a moment too.
+std::uint32_t boundedTo(Pace::Clock::duration left, std::uint32_t set) {
+   constexpr Pace::Clock::duration moment = std::chrono::milliseconds(100);
+   const std::uint32_t bound = millisecondsOf(std::max(left, moment));
+   return set == 0 ? bound : std::min(set, bound);
+}
+
 } // namespace
 
 void watchRegisters(Device& device, const std::vector<std::string>& patterns,
@@ -119,8 +130,9 @@ void watchRegisters(Device& device, const std::vector<std::string>& patterns,
       return; // there is nothing to wait for
    }
    for (std::uint64_t round = 1;; ++round) {
+      ReadAhead values(device, selection);
       for (Seen& seen : registers) {
-         look(device, seen, report);
+         look(values, seen, report);
       }
       if (round == options.count) {
          return;
@@ -144,7 +156,12 @@ void pollRegisters(Device& device, const std::vector<std::string>& conditionText
    report.nameWidthIs(nameColumnWidth(records));
    const Pace::Clock::time_point deadline = pace.now() + options.timeout;
    std::vector<std::uint32_t> values;
-   while (const std::optional<std::string> reason = unmet(device, conditions, values)) {
+   const std::uint32_t accessTimeout = device.accessTimeout();
+   const auto look = [&] {
+      device.accessTimeoutIs(boundedTo(deadline - pace.now(), accessTimeout));
+      return unmet(device, conditions, values);
+   };
+   while (const std::optional<std::string> reason = look()) {
       const Pace::Clock::time_point now = pace.now();
       if (now >= deadline) {
          const std::chrono::duration<double> seconds = options.timeout;

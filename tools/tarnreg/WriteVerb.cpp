@@ -62,7 +62,7 @@ std::string question(const std::vector<Assignment>& assignments) {
 void verify(Device& device, const Assignment& assignment, Report& report) {
    const std::uint32_t mask = device.valueMask(*assignment.record);
    const std::uint32_t found = device.read(assignment.record->name);
-   if ((found & mask) != (assignment.value & mask)) {
+   if ((device.writtenPart(*assignment.record, found) & mask) != (assignment.value & mask)) {
       report.failure(ExitCode::readBackMismatch,
                      fmt::format("{} reads back as {:#x}, not {:#x}",
                                  shownName(assignment.record->name), found, assignment.value),

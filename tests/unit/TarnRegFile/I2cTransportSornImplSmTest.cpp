@@ -185,11 +185,14 @@ TEST_F(I2cTransportSornImplSmTest, ARequestIsMadeReadyAndThenSubmitted) {
          seen.push_back("made");
          subscriptions.push_back(Platform::subscribe(
             *request, [&](const auto& of) { seen.emplace_back(of.attribute.name()); }));
-         subscriptions.push_back(
-            Platform::subscribe(*request->i2cRequest(), [&, raw = request.get()](const auto& of) {
+         const I2cTransportSornImplSm::Key key = request->i2cRequest();
+         subscriptions.push_back(Platform::subscribe(*key, [&, key](const auto& of) {
+            if (const auto present = sm->i2cTransportRequest(key)) {
                seen.push_back(std::string(of.attribute.name()) + " " +
-                              std::to_string(int(raw->op())) + " " + std::to_string(raw->data()));
-            }));
+                              std::to_string(int(present->op())) + " " +
+                              std::to_string(present->data()));
+            }
+         }));
       });
    sm->sornWrite("WIDE", 7);
    EXPECT_THAT(seen, ElementsAre("made", "op", "data", "state 1 7", "status 1 7"));

@@ -9,6 +9,7 @@
 
 #include "platform/hardware/PciHwAccessImpl.h"
 #include "platform/hardware/SpiHwAccess.h"
+#include "TarnRegFile/I2cSornTransportDescriptor.h"
 #include "TarnRegFile/I2cTransportDescriptor.h"
 #include "TarnRegFile/NimboSmbusTransportDescriptor.h"
 #include "TarnRegFile/PciTransportDescriptor.h"
@@ -45,7 +46,7 @@ TEST(TransportUrl, WhatItDoesNotKnowIsRefusedWithAllThatThereIs) {
                                  "pci:BUS:DEVICE.FUNCTION[/resourceN] or pci:PATH, "
                                  "i2c:PATH@ADDRESS[?flavour=1|2], spi:PATH[?speed=HZ&mode=0..3], "
                                  "smbus:BUS@ADDRESS[?flavour=1|2&controller=N"
-                                 "&pci=BUS:DEVICE.FUNCTION&socket=PATH]");
+                                 "&pci=BUS:DEVICE.FUNCTION&socket=PATH], sorn:PATH@ADDRESS[?timeout=MS]");
    }
 }
 
@@ -158,6 +159,38 @@ TEST(TransportUrl, AnSpiDeviceHasAPathAndSettings) {
    EXPECT_EQ(reason("spi:p?speed=0"),
              "transport 'spi:p?speed=0': speed '0' is no number from 1 to 4294967295; the form is "
              "spi:PATH[?speed=HZ&mode=0..3]");
+}
+
+TEST(TransportUrl, ADeviceBehindTheAccessManagerHasPathAndAddressAndATimeOut) {
+   const auto plain = at<Board::SornAt>("sorn:/dev/i2c-3@0x50");
+   EXPECT_EQ(plain.path, "/dev/i2c-3");
+   EXPECT_EQ(plain.address, 0x50);
+   EXPECT_EQ(plain.timeout, 0u);
+   EXPECT_EQ(at<Board::SornAt>("sorn:p@q@127?timeout=250").timeout, 250u);
+   EXPECT_EQ(at<Board::SornAt>("sorn:p@q@127?timeout=250").path, "p@q");
+   const std::string form = "; the form is sorn:PATH@ADDRESS[?timeout=MS]";
+   EXPECT_EQ(reason("sorn:p"), "transport 'sorn:p': no address" + form);
+   EXPECT_EQ(reason("sorn:@1"), "transport 'sorn:@1': no path" + form);
+   EXPECT_EQ(reason("sorn:p@128"),
+             "transport 'sorn:p@128': address '128' is no number from 0 to 0x7f" + form);
+   EXPECT_EQ(reason("sorn:p@1?timeout=-1"),
+             "transport 'sorn:p@1?timeout=-1': timeout '-1' is no number from 0 to 4294967295" +
+                form);
+   EXPECT_EQ(reason("sorn:p@1?flavour=1"),
+             "transport 'sorn:p@1?flavour=1': there is no option 'flavour'" + form);
+}
+
+TEST(TransportUrl, TheAccessManagerOfThePlatformsHasTheDevice) {
+   Board::Platforms platforms;
+   const auto descriptor = Platform::ptrCast<TarnRegFile::I2cSornTransportDescriptor>(
+      TransportUrl("sorn:/dev/i2c-none@0x50?timeout=250").descriptor(&platforms));
+   ASSERT_TRUE(descriptor);
+   EXPECT_EQ(descriptor->deviceId(), 0x50u);
+   EXPECT_EQ(descriptor->sornDesc()->busName(), "/dev/i2c-none");
+   EXPECT_EQ(descriptor->sornDesc()->timeout(), 250u);
+   EXPECT_NE(TransportUrl("sorn:/dev/i2c-none@0x51").descriptor(&platforms), nullptr)
+      << "on the same bus";
+   EXPECT_THROW(TransportUrl("sorn:/dev/i2c-none@0x50").descriptor(), std::logic_error);
 }
 
 TEST(TransportUrl, AnSmbusDeviceHasBusAndAddressAndOptions) {
