@@ -106,9 +106,11 @@ std::size_t Transaction::run() const noexcept {
 std::string Transaction::shown() const {
    const Smbus::Request& next = request();
    const Step& step = _steps[_next];
-   const bool isRead = next.type() == Smbus::REQUEST_TYPE_READ;
-   std::string text = fmt::format("{} of {} byte{}", isRead ? "read" : "write", next.length(),
-                                  next.length() == 1 ? "" : "s");
+   const char* const kind = next.type() == Smbus::REQUEST_TYPE_READ    ? "read"
+                            : next.type() == Smbus::REQUEST_TYPE_WRITE ? "write"
+                                                                       : "request";
+   std::string text =
+      fmt::format("{} of {} byte{}", kind, next.length(), next.length() == 1 ? "" : "s");
    if (!step.isAddressed) {
       return text;
    }

@@ -71,7 +71,12 @@ public:
    /// devices addressed.
    int transfer(std::span<I2cMessage> messages);
 
+   /// What the lock of a device node is for a bus of the kernel: whoever wants several transactions
+   /// with nobody else's in between holds it meanwhile. Only those who take it too respect it.
+   std::mutex& exclusiveUse() noexcept { return _exclusiveUse; }
+
 private:
+   std::mutex _exclusiveUse;
    mutable std::mutex _devicesMutex;
    std::array<std::shared_ptr<SimulatedI2cDevice>, addresses> _devices;
 

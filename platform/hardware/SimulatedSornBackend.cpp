@@ -12,10 +12,13 @@ SimulatedSornBackend::SimulatedSornBackend(std::shared_ptr<SimulatedI2cBus> bus)
 SimulatedSornBackend::~SimulatedSornBackend() = default;
 
 int SimulatedSornBackend::begin() noexcept {
+   _bus->exclusiveUse().lock();
    return 0;
 }
 
-void SimulatedSornBackend::end() noexcept {}
+void SimulatedSornBackend::end() noexcept {
+   _bus->exclusiveUse().unlock();
+}
 
 int SimulatedSornBackend::transfer(std::uint8_t device, std::uint8_t readWrite,
                                    std::uint8_t command, i2c_smbus_data& data) noexcept {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -72,6 +73,23 @@ TEST_F(SimulatedBackendTest, ADeviceThatStopsEarlyLeavesTheLineUp) {
    std::array<std::uint8_t, 4> data{};
    EXPECT_EQ(backend.read(0x50, std::array<std::uint8_t, 2>{0x00, 0x10}, data), 0);
    EXPECT_THAT(data, ElementsAre(0x01, 0xff, 0xff, 0xff));
+}
+
+// A reload may leave the old bus at work while the new one of the same device begins.
+TEST_F(SimulatedBackendTest, ASecondBackendOfTheBusWaitsForTheEndOfTheFirst) {
+   SimulatedBackend other(bus);
+   backend.begin();
+   std::thread second([&] {
+      other.begin();
+      other.write(0x50, std::array<std::uint8_t, 1>{0x02}, {});
+      other.end();
+   });
+   backend.write(0x50, std::array<std::uint8_t, 1>{0x01}, {});
+   EXPECT_FALSE(bus->exclusiveUse().try_lock());
+   backend.write(0x50, std::array<std::uint8_t, 1>{0x01}, {});
+   backend.end();
+   second.join();
+   EXPECT_THAT(wire, ElementsAre("S 50 W 01 P", "S 50 W 01 P", "S 50 W 02 P"));
 }
 
 } // namespace
