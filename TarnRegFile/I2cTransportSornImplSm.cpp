@@ -151,7 +151,7 @@ std::uint64_t I2cTransportSornImplSm::_accessWord(const I2cTransportRequest& req
 /// Without what could not be submitted: nobody would ever tell of its end.
 template <typename Describe>
 void I2cTransportSornImplSm::_submit(const I2cTransportRequest& request, const Describe& describe) {
-   const Ptr<Hardware::SornRequest> i2cRequest = request.i2cRequest();
+   const Ptr<Hardware::SornRequest>& i2cRequest = request.i2cRequest();
    try {
       describe(*i2cRequest);
       i2cRequest->stateIs(Hardware::SornRequestState::submitted);

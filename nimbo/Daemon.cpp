@@ -46,8 +46,10 @@ std::unique_ptr<ListeningSocket> socketNew(const Config& config, const std::stri
 
 /// The service manager's, or one of our own.
 std::unique_ptr<ListeningSocket> socketOf(const Config& config) {
-   auto socket = ListeningSocket::activated();
-   return socket ? std::move(socket) : socketNew(config, config.socketFile);
+   if (auto socket = ListeningSocket::activated()) {
+      return socket;
+   }
+   return socketNew(config, config.socketFile);
 }
 
 } // namespace
