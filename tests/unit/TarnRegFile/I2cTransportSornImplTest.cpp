@@ -293,6 +293,20 @@ TEST_F(I2cTransportSornImplTest, FailuresThatAreKnownAtOnceAreToldByTheTransport
    EXPECT_THAT(gate->lines(), IsEmpty());
 }
 
+TEST_F(I2cTransportSornImplTest, WhileTheFlagIsSetEachAccessIsAlsoToldAsAnErrorAtOnce) {
+   open();
+   method->errorNotifier()->errorIs(true);
+   EXPECT_EQ(method->regRead("WIDE"), 0u);
+   EXPECT_THAT(helper->results, ElementsAre("read WIDE Error 0"));
+   ASSERT_TRUE(results(2));
+   EXPECT_EQ(helper->results.back(), "read WIDE Success 0");
+   method->errorNotifier()->errorIs(false);
+   method->regWrite("WIDE", 1);
+   ASSERT_TRUE(results(3));
+   loop.poll();
+   EXPECT_THAT(helper->results, SizeIs(3));
+}
+
 TEST_F(I2cTransportSornImplTest, ARegisterWiderThanItsAccessIsRefused) {
    open();
    const Failure refused = Failure::generic(
