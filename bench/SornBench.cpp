@@ -156,6 +156,7 @@ public:
       return SimulatedSornBackend::begin();
    }
    void end() noexcept override {
+      SimulatedSornBackend::end();
       const Clock::time_point now = Clock::now();
       _times->busy += (now - _began).count();
       _times->last = now.time_since_epoch().count();
@@ -188,7 +189,7 @@ public:
       : SimulatedSornBackend(std::move(bus)), _gate(std::move(gate)) {}
    int begin() noexcept override {
       const std::scoped_lock wait(*_gate);
-      return 0;
+      return SimulatedSornBackend::begin();
    }
 
 private:
