@@ -172,6 +172,20 @@ TEST_F(SornTest, ARequestCanBeUsedAgain) {
    EXPECT_EQ(value, 22U);
 }
 
+TEST_F(SornTest, AnIdleRequestThatIsSetIdleForgetsWhatWasDescribed) {
+   const auto sorn = gatedBus()->sorn();
+   const auto request = sorn->newRequest();
+   auto value = std::make_unique<std::uint32_t>(0);
+   request->makeReadOp(word(1), *value, ReadByteSwap::swap, 0);
+   int changes = 0;
+   const auto subscription = Platform::subscribe(*request, [&](auto&) { ++changes; });
+   request->stateIs(SornRequestState::idle);
+   EXPECT_EQ(changes, 0);
+   value.reset(); // written to, it would be found
+   EXPECT_THROW(request->stateIs(SornRequestState::submitted), std::system_error);
+   EXPECT_THAT(gate->lines(), SizeIs(0));
+}
+
 TEST_F(SornTest, ARequestIsNotDescribedWhileItIsSubmitted) {
    gate->gateIs(false);
    const auto sorn = gatedBus()->sorn();
