@@ -41,12 +41,13 @@ std::string reason(std::string_view text) {
 
 TEST(TransportUrl, WhatItDoesNotKnowIsRefusedWithAllThatThereIs) {
    for (const char* text : {"", "mock", "Mock:", "usb:1", ":", ":x", "mockx:", "mock :"}) {
-      EXPECT_EQ(reason(text), std::string("transport '") + text +
-                                 "' is not known; there is mock:[VALUES-FILE], "
-                                 "pci:BUS:DEVICE.FUNCTION[/resourceN] or pci:PATH, "
-                                 "i2c:PATH@ADDRESS[?flavour=1|2], spi:PATH[?speed=HZ&mode=0..3], "
-                                 "smbus:BUS@ADDRESS[?flavour=1|2&controller=N"
-                                 "&pci=BUS:DEVICE.FUNCTION&socket=PATH], sorn:PATH@ADDRESS[?timeout=MS]");
+      EXPECT_EQ(reason(text),
+                std::string("transport '") + text +
+                   "' is not known; there is mock:[VALUES-FILE], "
+                   "pci:BUS:DEVICE.FUNCTION[/resourceN] or pci:PATH, "
+                   "i2c:PATH@ADDRESS[?flavour=1|2], spi:PATH[?speed=HZ&mode=0..3], "
+                   "smbus:BUS@ADDRESS[?flavour=1|2&controller=N"
+                   "&pci=BUS:DEVICE.FUNCTION&socket=PATH], sorn:PATH@ADDRESS[?timeout=MS]");
    }
 }
 
