@@ -212,7 +212,7 @@ std::shared_ptr<PendingAccess> Device::readBegin(const std::string& name) {
 
 std::shared_ptr<PendingAccess> Device::_begin(bool isRead, const std::string& name,
                                               const std::function<void()>& run) {
-   const auto pending = std::make_shared<PendingAccess>();
+   auto pending = std::make_shared<PendingAccess>();
    pending->name = name;
    try {
       _accessRegister(isRead ? "read" : "write", name, run);
