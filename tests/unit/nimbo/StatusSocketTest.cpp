@@ -1,7 +1,6 @@
 #include "nimbo/StatusSocket.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -20,6 +19,7 @@
 #include "nimbo/ListeningSocket.h"
 #include "nimbo/UnixAddress.h"
 #include "platform/trace/CaptureScope.h"
+#include "tests/support/NoDescriptorsLeft.h"
 #include "tests/support/TempDir.h"
 
 namespace Nimbo {
@@ -203,18 +203,14 @@ TEST_F(StatusSocketTest, ADocumentThatCannotBeMadeCostsOnlyThatClient) {
 }
 
 TEST_F(StatusSocketTest, WithoutDescriptorsItTriesAgainLater) {
+   SKIP_IF_THE_SANITIZER_NEEDS_DESCRIPTORS();
    const CaptureScope trace("nimbo/StatusSocket=0");
    start();
    const UnixFdRes waiting = client();
-   rlimit before{};
-   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-   const int next = ::dup(0);
-   ::close(next);
-   rlimit none = before;
-   none.rlim_cur = static_cast<rlim_t>(next);
-   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-   EXPECT_TRUE(loop.runUntil([&] { return !trace.texts().empty(); }, longTime));
-   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+   {
+      const TestSupport::NoDescriptorsLeft none;
+      EXPECT_TRUE(loop.runUntil([&] { return !trace.texts().empty(); }, longTime));
+   }
    EXPECT_THAT(trace.texts(),
                testing::ElementsAre("No connection can be taken in: Too many open files"));
    EXPECT_EQ(everything(waiting), "the document");
