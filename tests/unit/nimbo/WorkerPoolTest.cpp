@@ -223,7 +223,7 @@ TEST(WorkerPool, GrowsAndShrinksAgainAndAgain) {
       pool.sizeIs(1);
       pool.sizeIs(1);
    }
-   EXPECT_TRUE(comesToHold([&] { return threads() == before; }));
+   EXPECT_TRUE(comesToHold([&] { return threads() <= before; }));
 }
 
 // A count that nobody takes back has all the threads look for work without a pause.
