@@ -5,10 +5,10 @@
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <utility>
 
 #include "platform/entity/Errors.h"
+#include "platform/entity/SignalsBlocked.h"
 
 namespace Nimbo {
 
@@ -23,23 +23,6 @@ TarnRegFile::Utils::UnixFdRes checked(int fd, const char* what) {
    }
    return TarnRegFile::Utils::UnixFdRes(fd);
 }
-
-/// While it lives, threads that are started have all signals blocked: they are for the thread that
-/// runs the event loop.
-class SignalsBlocked {
-public:
-   SignalsBlocked() {
-      ::sigset_t all;
-      ::sigfillset(&all);
-      ::pthread_sigmask(SIG_SETMASK, &all, &_before);
-   }
-   ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
-   SignalsBlocked(const SignalsBlocked&) = delete;
-   SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-private:
-   ::sigset_t _before = {};
-};
 
 } // namespace
 
@@ -66,7 +49,7 @@ WorkerPool::~WorkerPool() {
 
 void WorkerPool::sizeIs(std::size_t size) {
    _joinEnded();
-   const SignalsBlocked blocked;
+   const Platform::SignalsBlocked blocked;
    const std::scoped_lock lock(_mutex);
    _size = size;
    while (_threads.size() < size) {

@@ -1,11 +1,11 @@
 #include "platform/hardware/private/SornBus.h"
 
 #include <cerrno>
-#include <csignal>
 #include <exception>
 #include <iterator>
 #include <optional>
 
+#include "platform/entity/SignalsBlocked.h"
 #include "platform/hardware/SornRequest.h"
 #include "platform/trace/Trace.h"
 
@@ -33,22 +33,6 @@ SornStatus statusOf(int error) noexcept {
    }
 }
 
-/// While it lives, a thread that is started has all signals blocked: they are for others.
-class SignalsBlocked {
-public:
-   SignalsBlocked() {
-      ::sigset_t all;
-      ::sigfillset(&all);
-      ::pthread_sigmask(SIG_SETMASK, &all, &_before);
-   }
-   ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
-   SignalsBlocked(const SignalsBlocked&) = delete;
-   SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-private:
-   ::sigset_t _before = {};
-};
-
 } // namespace
 
 SornBus::SornBus(Platform::EventLoop& loop, String name, std::unique_ptr<SornBackend> backend)
@@ -58,7 +42,7 @@ SornBus::SornBus(Platform::EventLoop& loop, String name, std::unique_ptr<SornBac
 SornBus::~SornBus() = default;
 
 void SornBus::start() {
-   const SignalsBlocked blocked;
+   const Platform::SignalsBlocked blocked;
    // The worker keeps the bus, as it may be left behind in an operation that never ends.
    _worker = std::thread([self = shared_from_this()] { _work(self); });
 }
