@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -24,8 +25,8 @@ public:
       std::size_t arrived = 0;
       std::vector<std::string> journal;
       std::map<std::uint16_t, std::uint32_t> registers;
-      int beginError = 0;
-      int transferError = 0;
+      std::atomic<int> beginError = 0;
+      std::atomic<int> transferError = 0;
       std::uint16_t pointer = 0;
       bool isGone = false;
 

@@ -204,7 +204,8 @@ TEST_F(I2cTransportSornImplTest, WithoutAHelperFinishedRequestsAreDeletedAllTheS
    open();
    method->asyncHelperIs(nullptr);
    method->regRead("WIDE");
-   gate->transferError = EIO;
+   gate->awaitArrivals(1);
+   gate->transferError = EIO; // for both, or for the second one only
    method->regWrite("WIDE", 1);
    EXPECT_EQ(inFlight(), 2u);
    ASSERT_TRUE(until([&] { return inFlight() == 0; }));
