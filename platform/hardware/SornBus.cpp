@@ -18,6 +18,9 @@ TARN_TRACE_SOURCE(traceSource, "platform/hardware/Sorn");
 /// Ends that are told in one go, before the loop's other work has its turn.
 constexpr std::size_t batch = 256;
 
+/// Abandoned jobs are swept out of the queues when there are that many, and no more others.
+constexpr std::size_t worthSweeping = 256;
+
 SornStatus statusOf(int error) noexcept {
    switch (error) {
    case 0:
@@ -64,10 +67,15 @@ void SornBus::stop() {
          cancelled.push_back(_current);
       }
       for (const std::shared_ptr<SornClient>& client : _ring) {
-         cancelled.insert(cancelled.end(), client->queue.begin(), client->queue.end());
+         for (const std::shared_ptr<SornJob>& job : client->queue) {
+            job->isQueued = false;
+            cancelled.push_back(job);
+         }
          client->queue.clear();
       }
       _ring.clear();
+      _queued = 0;
+      _abandoned = 0;
       done.swap(_done);
    }
    _wake.notify_one();
@@ -89,13 +97,14 @@ void SornBus::stop() {
          _end(job, status, error, value);
       } catch (const std::exception& failure) {
          TARN_TRACE(traceSource, 0, "stop", "an observer failed: {}", failure.what());
+      } catch (...) {
+         TARN_TRACE(traceSource, 0, "stop", "an observer failed");
       }
    };
    for (const std::shared_ptr<SornJob>& job : ended) {
       tell(job, job->status, job->error, job->value);
    }
    for (const std::shared_ptr<SornJob>& job : cancelled) {
-      job->isAbandoned = true;
       tell(job, SornStatus::cancelled, ECANCELED, 0); // the worker may still be at its value
    }
 }
@@ -116,6 +125,8 @@ void SornBus::submit(const std::shared_ptr<SornClient>& client,
       if (client->queue.size() == 1) {
          _ring.push_back(client);
       }
+      job->isQueued = true;
+      ++_queued;
       isAsleep = std::exchange(_isAsleep, false);
    }
    if (isAsleep) {
@@ -125,9 +136,35 @@ void SornBus::submit(const std::shared_ptr<SornClient>& client,
 
 void SornBus::abandon(SornJob& job) noexcept {
    job.request = nullptr;
-   job.isAbandoned.store(true, std::memory_order_relaxed);
-   if (job.deadline) {
-      _deadlines.erase(Deadline(*job.deadline, job.serial));
+   _forgetDeadline(job);
+   _giveUp(job);
+}
+
+/// A bus that hangs takes nothing from the queues; what nobody waits for must not pile up there.
+void SornBus::_giveUp(SornJob& job) noexcept {
+   const std::scoped_lock lock(_mutex);
+   const bool isNew = !std::exchange(job.isAbandoned, true);
+   if (isNew && job.isQueued && ++_abandoned >= worthSweeping && 2 * _abandoned >= _queued) {
+      _sweep();
+   }
+}
+
+/// With the lock held.
+void SornBus::_sweep() {
+   for (const std::shared_ptr<SornClient>& client : _ring) {
+      std::erase_if(client->queue, [](const std::shared_ptr<SornJob>& job) {
+         job->isQueued = !job->isAbandoned;
+         return job->isAbandoned;
+      });
+   }
+   std::erase_if(_ring, [](const auto& client) { return client->queue.empty(); });
+   _queued -= std::exchange(_abandoned, 0);
+}
+
+void SornBus::_forgetDeadline(const SornJob& job) noexcept {
+   if (job.deadline && _deadlines.erase(Deadline(*job.deadline, job.serial)) != 0 &&
+       _deadlines.empty()) {
+      _timer->cancel(); // a timer keeps the loop running
    }
 }
 
@@ -159,12 +196,21 @@ std::shared_ptr<SornJob> SornBus::_take() {
       }
       const std::shared_ptr<SornClient> client = std::move(_ring.front());
       _ring.pop_front();
-      std::shared_ptr<SornJob> job = std::move(client->queue.front());
-      client->queue.pop_front();
+      std::shared_ptr<SornJob> job;
+      while (!job && !client->queue.empty()) { // what is abandoned costs its client no turn
+         job = std::move(client->queue.front());
+         client->queue.pop_front();
+         job->isQueued = false;
+         --_queued;
+         if (job->isAbandoned) {
+            --_abandoned;
+            job.reset();
+         }
+      }
       if (!client->queue.empty()) {
          _ring.push_back(client);
       }
-      if (!job->isAbandoned.load(std::memory_order_relaxed)) {
+      if (job) {
          _current = job;
          return job;
       }
@@ -223,6 +269,19 @@ void SornBus::_do(SornJob& job) {
    job.status = statusOf(job.error);
 }
 
+/// Takes over what the worker has done.
+void SornBus::_collect() {
+   std::vector<std::shared_ptr<SornJob>> done;
+   {
+      const std::scoped_lock lock(_mutex);
+      done.swap(_done);
+   }
+   for (std::shared_ptr<SornJob>& job : done) {
+      _forgetDeadline(*job);
+      _delivering.push_back(std::move(job));
+   }
+}
+
 void SornBus::_deliver() {
    const std::shared_ptr<SornBus> keep = shared_from_this();
    if (_isStopped) {
@@ -230,11 +289,9 @@ void SornBus::_deliver() {
    }
    {
       const std::scoped_lock lock(_mutex);
-      _delivering.insert(_delivering.end(), std::make_move_iterator(_done.begin()),
-                         std::make_move_iterator(_done.end()));
-      _done.clear();
       _isDelivering = false;
    }
+   _collect();
    if (_delivering.size() > 1) {
       // For what this turn leaves: because there is too much, because somebody who is told throws,
       // or because he runs the loop and waits for one of the others.
@@ -251,29 +308,33 @@ void SornBus::_deliver() {
 void SornBus::_end(const std::shared_ptr<SornJob>& job, SornStatus status, std::int32_t error,
                    std::uint32_t value) {
    SornRequest* const request = std::exchange(job->request, nullptr);
-   if (!request) {
-      return;
+   if (request) {
+      request->_ended(status, error, value);
    }
-   if (job->deadline) {
-      _deadlines.erase(Deadline(*job->deadline, job->serial));
-   }
-   request->_ended(status, error, value);
 }
 
 void SornBus::_expire() {
    const std::shared_ptr<SornBus> keep = shared_from_this();
-   while (!_isStopped && !_deadlines.empty()) {
+   _collect(); // what was done in time has not timed out, however late the loop hears of it
+   for (std::size_t told = 0; told < batch && !_isStopped && !_deadlines.empty(); ++told) {
       const auto first = _deadlines.begin();
       if (first->first.first > std::chrono::steady_clock::now()) {
-         _timer->startAt(first->first.first);
-         return;
+         break;
       }
       const std::shared_ptr<SornJob> job = first->second;
-      job->isAbandoned.store(true, std::memory_order_relaxed);
-      _deadlines.erase(first);
+      _forgetDeadline(*job);
+      _giveUp(*job);
+      _startTimer(); // for the others, before somebody who is told throws or runs the loop
       TARN_TRACE(traceSource, 3, "expire", "{}: device {:#04x}, register {:#06x} timed out", _name,
                  job->op.device, job->op.registerAddress);
       _end(job, SornStatus::timedOut, ETIMEDOUT, 0);
+   }
+   _startTimer();
+}
+
+void SornBus::_startTimer() {
+   if (!_isStopped && !_deadlines.empty() && !_timer->active()) {
+      _timer->startAt(_deadlines.begin()->first.first);
    }
 }
 

@@ -14,6 +14,7 @@ namespace Hardware {
 namespace {
 
 constexpr const char* noBackend = "bus '{}' must have a backend";
+constexpr const char* going = "the access manager is going: no bus '{}' any more";
 constexpr const char* twice = "the access manager has a bus '{}' already";
 
 } // namespace
@@ -21,7 +22,9 @@ constexpr const char* twice = "the access manager has a bus '{}' already";
 SornManager::SornManager(Platform::EventLoop& loop) : _loop(loop) {}
 
 SornManager::~SornManager() {
-   // Who hears of a cancelled request may use the manager's other buses still.
+   // Who hears of a cancelled request may use the manager's other buses still. A new one would
+   // never be stopped.
+   _isGoing = true;
    const auto buses = _buses;
    for (const auto& [name, bus] : buses) {
       bus->stop();
@@ -31,6 +34,9 @@ SornManager::~SornManager() {
 Ptr<SornDesc> SornManager::busNew(const String& name, std::unique_ptr<SornBackend> backend) {
    if (!backend) {
       Platform::throwError(EINVAL, fmt::format(noBackend, name));
+   }
+   if (_isGoing) {
+      Platform::throwError(ESHUTDOWN, fmt::format(going, name));
    }
    if (_buses.count(name) != 0) {
       Platform::throwError(EEXIST, fmt::format(twice, name));

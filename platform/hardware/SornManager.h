@@ -32,8 +32,8 @@ public:
    SornManager& operator=(const SornManager&) = delete;
 
    /// A new bus, driven by `backend`, with a worker of its own. Throws std::system_error (generic
-   /// category): EEXIST when there is one of that name, EINVAL when there is no backend; or what
-   /// the system has against another thread.
+   /// category): EEXIST when there is one of that name, EINVAL when there is no backend, ESHUTDOWN
+   /// when the manager is going; or what the system has against another thread.
    Ptr<SornDesc> busNew(const String& name, std::unique_ptr<SornBackend> backend);
 
    /// The kernel's I2C bus of that path, "/dev/i2c-3": the one that there is by that name, or a new
@@ -42,6 +42,7 @@ public:
 
 private:
    Platform::EventLoop& _loop;
+   bool _isGoing = false;
    std::map<String, std::shared_ptr<SornBus>> _buses;
 };
 

@@ -84,7 +84,8 @@ void SornRequest::makeWriteOp(std::uint64_t address, std::uint16_t value, WriteB
 
 void SornRequest::_describe(SornOp op, std::uint64_t address, std::uint8_t flags,
                             std::uint32_t* data) {
-   if (_job) {
+   if (_state == SornRequestState::submitted) {
+      // Also once it has ended: nobody could submit what is described now.
       Platform::throwError(EBUSY, inFlight);
    }
    if (flags != 0) {
@@ -107,16 +108,24 @@ void SornRequest::stateIs(SornRequestState state) {
    const Platform::Ptr<SornRequest> self(this);
    if (state == SornRequestState::submitted) {
       _submit();
-      store(_state, state, stateAttr);
-      if (_job) {
-         store(_status, SornStatus::pending, statusAttr);
-      }
-      return;
+   } else {
+      _takeBack();
    }
-   _takeBack();
-   store(_state, state, stateAttr);
+   try {
+      store(_state, state, stateAttr);
+   } catch (...) {
+      _statusFollows();
+      throw;
+   }
+   _statusFollows();
+}
+
+/// Whoever heard of the state may have changed it again.
+void SornRequest::_statusFollows() {
    if (_state == SornRequestState::idle) {
       store(_status, SornStatus::idle, statusAttr);
+   } else if (_job) {
+      store(_status, SornStatus::pending, statusAttr);
    }
 }
 
@@ -129,11 +138,11 @@ void SornRequest::_submit() {
    }
    const auto job = std::make_shared<SornJob>();
    job->op = _op;
-   job->request = this;
    if (_timeout.count() > 0) {
       job->deadline = std::chrono::steady_clock::now() + _timeout;
    }
    _bus->submit(_client, job);
+   job->request = this;
    _job = job;
    _error = 0;
 }

@@ -66,7 +66,8 @@ public:
    // Describe the operation, in place of an earlier description. `address` is the access word: bits
    // 0 to 15 the register, bits 32 to 38 the device. `swap` says in which order the value's bytes
    // are on the wire. There are no `flags` yet: they have to be 0. Throw RangeError for an address
-   // or flags with other bits, std::system_error EBUSY (generic) while the request is submitted.
+   // or flags with other bits, std::system_error EBUSY (generic) while the state is submitted,
+   // though the request may have ended.
 
    /// Reads 32 bits into `data`, which has to stay in place until the request has ended or been
    /// taken back. It is written just before a status of success is told, and not at all otherwise.
@@ -83,6 +84,7 @@ private:
    void _describe(SornOp op, std::uint64_t address, std::uint8_t flags, std::uint32_t* data);
    void _submit();
    void _takeBack() noexcept;
+   void _statusFollows();
    void _ended(SornStatus status, std::int32_t error, std::uint32_t value);
 
    const std::shared_ptr<SornBus> _bus;

@@ -58,10 +58,15 @@ private:
    static void _work(const std::shared_ptr<SornBus>& self);
    void _do(SornJob& job);
    std::shared_ptr<SornJob> _take();
+   void _sweep();
+   void _giveUp(SornJob& job) noexcept;
+   void _forgetDeadline(const SornJob& job) noexcept;
+   void _collect();
    void _deliver();
    void _end(const std::shared_ptr<SornJob>& job, SornStatus status, std::int32_t error,
              std::uint32_t value);
    void _expire();
+   void _startTimer();
    void _postDeliver();
 
    Platform::EventLoop& _loop; // not after stop()
@@ -82,6 +87,8 @@ private:
    bool _isAsleep = false;
    bool _isDelivering = false;                    // a delivery is posted or under way
    std::deque<std::shared_ptr<SornClient>> _ring; // those with jobs, the next one in front
+   std::size_t _queued = 0;                       // jobs of all clients
+   std::size_t _abandoned = 0;                    // those of them that are not worth beginning
    std::shared_ptr<SornJob> _current;
    std::vector<std::shared_ptr<SornJob>> _done;
 };

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -22,8 +21,9 @@ struct SornJob {
    std::optional<std::chrono::steady_clock::time_point> deadline;
    std::uint64_t serial = 0;
 
-   /// Nobody waits for it any more: not worth beginning.
-   std::atomic<bool> isAbandoned = false;
+   // Under the bus's mutex.
+   bool isQueued = false;
+   bool isAbandoned = false; ///< nobody waits for it any more: not worth beginning
 
    // The worker's, until it has handed the job back.
    SornStatus status = SornStatus::pending;

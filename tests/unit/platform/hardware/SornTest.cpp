@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <memory>
@@ -18,6 +19,7 @@
 #include "platform/entity/TypeData.h"
 #include "platform/hardware/SimulatedSornBackend.h"
 #include "platform/hardware/SornManager.h"
+#include "tests/support/AllocatedBytes.h"
 #include "tests/support/GatedSornBackend.h"
 
 namespace Hardware {
@@ -437,6 +439,344 @@ TEST_F(SornTest, TenThousandRequestsWithMixedOutcomesEachEndOnce) {
    EXPECT_THAT(ends, Each(1));
    EXPECT_GT(failed, count / 3);
    EXPECT_LE(failed, count / 3 + 1 + 50);
+}
+
+TEST_F(SornTest, AnObserverOfATimeoutThatThrowsKeepsNoOtherFromTimingOut) {
+   gate->gateIs(false);
+   const auto desc = gatedBus();
+   desc->timeoutIs(5);
+   const auto sorn = desc->sorn();
+   std::vector<std::uint32_t> values(20);
+   std::vector<Ptr<SornRequest>> requests;
+   std::vector<Platform::Subscription> subscriptions;
+   for (std::uint32_t& value : values) {
+      requests.push_back(read(sorn, 1, value));
+      subscriptions.push_back(Platform::subscribe(*requests.back(), SornRequest::statusAttr,
+                                                  [](auto&) { throw std::runtime_error("no"); }));
+   }
+   int thrown = 0;
+   const auto allEnded = [&] {
+      return std::all_of(requests.begin(), requests.end(), [](const auto& request) {
+         return request->status() == SornStatus::timedOut;
+      });
+   };
+   while (!allEnded()) {
+      try {
+         ASSERT_TRUE(loop.runUntil(allEnded, patience));
+      } catch (const std::runtime_error&) {
+         ++thrown;
+      }
+   }
+   EXPECT_EQ(thrown, 20);
+   gate->gateIs(true);
+}
+
+TEST_F(SornTest, AnObserverOfATimeoutMayRunTheLoopUntilAnotherTimesOut) {
+   gate->gateIs(false);
+   const auto desc = gatedBus();
+   desc->timeoutIs(5);
+   const auto sorn = desc->sorn();
+   std::vector<std::uint32_t> values(3);
+   std::vector<Ptr<SornRequest>> requests;
+   for (std::uint32_t& value : values) {
+      requests.push_back(read(sorn, 1, value));
+   }
+   bool waited = false;
+   const auto subscription =
+      Platform::subscribe(*requests.front(), SornRequest::statusAttr, [&](auto&) {
+         waited = loop.runUntil([&] { return requests.back()->status() == SornStatus::timedOut; },
+                                patience);
+      });
+   ASSERT_TRUE(ends(requests.front()));
+   EXPECT_TRUE(waited);
+   gate->gateIs(true);
+}
+
+/// Submitted again at each end, with a deadline that is over as soon as it is given.
+TEST_F(SornTest, RequestsThatTimeOutAndAreSubmittedAnewLeaveTheLoopTimeForOthers) {
+   gate->gateIs(false);
+   const auto desc = gatedBus();
+   desc->timeoutIs(1);
+   const auto sorn = desc->sorn();
+   std::vector<std::uint32_t> values(500);
+   std::vector<Ptr<SornRequest>> requests;
+   std::vector<Platform::Subscription> subscriptions;
+   std::size_t ended = 0;
+   bool othersHadTheirTurn = false;
+   std::size_t atMost = 100'000; // so that the test ends if they have not
+   for (std::uint32_t& value : values) {
+      requests.push_back(read(sorn, 1, value));
+      SornRequest& request = *requests.back();
+      subscriptions.push_back(
+         Platform::subscribe(request, SornRequest::statusAttr, [&](const Platform::Change&) {
+            if (request.status() != SornStatus::timedOut) {
+               return;
+            }
+            if (++ended == 1) {
+               loop.post([&] { othersHadTheirTurn = true; });
+            }
+            if (othersHadTheirTurn || ended >= atMost) {
+               return;
+            }
+            const auto due = std::chrono::steady_clock::now() + std::chrono::microseconds(10);
+            while (std::chrono::steady_clock::now() < due) {
+            }
+            request.stateIs(SornRequestState::idle);
+            request.makeReadOp(word(1), value, ReadByteSwap::swap, 0);
+            request.stateIs(SornRequestState::submitted);
+         }));
+   }
+   ASSERT_TRUE(loop.runUntil([&] { return othersHadTheirTurn; }, patience));
+   EXPECT_LT(ended, atMost);
+   gate->gateIs(true);
+}
+
+TEST_F(SornTest, WhatWasDoneInTimeIsNotCalledTimedOutBecauseTheLoopWasBusy) {
+   const auto desc = gatedBus();
+   desc->timeoutIs(200);
+   const auto sorn = desc->sorn();
+   std::vector<std::uint32_t> values(1000);
+   std::vector<Ptr<SornRequest>> requests;
+   for (std::uint32_t& value : values) {
+      requests.push_back(read(sorn, 1, value));
+   }
+   // The bus does them all; the loop comes to hear of it only after their deadline. Whether the
+   // bus was in time is its own to say: those it took later end as timed out by the worker.
+   const auto due = std::chrono::steady_clock::now() + std::chrono::milliseconds(250);
+   while (std::chrono::steady_clock::now() < due) {
+   }
+   const std::size_t done = gate->lines().size() / 4;
+   ASSERT_TRUE(ends(requests.back()));
+   const auto succeeded = std::count_if(requests.begin(), requests.end(), [](const auto& request) {
+      return request->status() == SornStatus::success;
+   });
+   EXPECT_GE(static_cast<std::size_t>(succeeded), done == 0 ? 0 : done - 1);
+}
+
+TEST_F(SornTest, ADeadlineThatIsNoLongerNeededKeepsNoLoopRunning) {
+   const auto desc = gatedBus();
+   desc->timeoutIs(3'600'000);
+   const auto sorn = desc->sorn();
+   std::uint32_t value = 0;
+   const auto done = read(sorn, 1, value);
+   ASSERT_TRUE(ends(done));
+   loop.run(); // for an hour, were it still there
+   gate->gateIs(false);
+   const auto takenBack = read(sorn, 1, value);
+   takenBack->stateIs(SornRequestState::idle);
+   loop.run();
+   auto dropped = read(sorn, 1, value);
+   dropped.reset();
+   loop.run();
+   gate->gateIs(true);
+}
+
+TEST_F(SornTest, WhatAClientTookBackCostsItNoTurns) {
+   gate->gateIs(false);
+   const auto desc = gatedBus();
+   const auto greedy = desc->sorn();
+   const auto fickle = desc->sorn();
+   std::vector<std::uint32_t> values(100);
+   std::vector<Ptr<SornRequest>> requests;
+   requests.push_back(read(greedy, 1, values[0]));
+   gate->awaitArrivals(1);
+   std::vector<Ptr<SornRequest>> takenBack;
+   std::uint32_t value = 0;
+   for (int i = 0; i < 50; ++i) {
+      takenBack.push_back(read(fickle, 2, value));
+   }
+   for (std::size_t i = 1; i < values.size(); ++i) {
+      requests.push_back(read(greedy, 1, values[i]));
+   }
+   takenBack.clear();
+   const auto single = read(fickle, 0x77, value);
+   gate->gateIs(true);
+   ASSERT_TRUE(ends(single));
+   EXPECT_EQ(gate->lines().at(4 + 1), "write 80 0: 119");
+   ASSERT_TRUE(ends(requests.back()));
+}
+
+TEST_F(SornTest, AHangingBusKeepsNoMemoryOfWhatWasTakenBack) {
+   gate->gateIs(false);
+   const auto desc = gatedBus();
+   const auto first = desc->sorn();
+   std::uint32_t value = 0;
+   const auto stuck = read(first, 1, value);
+   gate->awaitArrivals(1);
+   const auto submitAndDrop = [&](int count) {
+      for (int i = 0; i < count; ++i) {
+         read(i % 2 == 0 ? first : desc->sorn(), 1, value);
+      }
+   };
+   submitAndDrop(2'000);
+   const std::size_t before = TestSupport::allocatedBytes();
+   submitAndDrop(20'000);
+   EXPECT_LT(TestSupport::allocatedBytes(), before + 500'000);
+   const auto last = read(first, 0x77, value);
+   gate->gateIs(true);
+   ASSERT_TRUE(ends(last));
+   EXPECT_THAT(gate->lines(), SizeIs(8)) << "the one that hung, and the last one";
+}
+
+TEST_F(SornTest, AHangingBusKeepsNoMemoryOfWhatTimedOut) {
+   gate->gateIs(false);
+   const auto desc = gatedBus();
+   const auto sorn = desc->sorn();
+   std::uint32_t value = 0;
+   const auto stuck = read(sorn, 1, value);
+   gate->awaitArrivals(1);
+   const auto request = sorn->newRequest();
+   request->timeoutIs(1);
+   const auto timesOut = [&](int count) {
+      const int requestsAtOnce = 1000;
+      for (int i = 0; i < count; i += requestsAtOnce) {
+         std::vector<Ptr<SornRequest>> requests;
+         for (int j = 0; j < requestsAtOnce; ++j) {
+            requests.push_back(sorn->newRequest());
+            requests.back()->timeoutIs(1);
+            requests.back()->makeReadOp(word(1), value, ReadByteSwap::swap, 0);
+            requests.back()->stateIs(SornRequestState::submitted);
+         }
+         ASSERT_TRUE(ends(requests.back()));
+         EXPECT_EQ(requests.back()->status(), SornStatus::timedOut);
+      }
+   };
+   timesOut(2'000);
+   const std::size_t before = TestSupport::allocatedBytes();
+   timesOut(20'000);
+   EXPECT_LT(TestSupport::allocatedBytes(), before + 500'000);
+   gate->gateIs(true);
+   ASSERT_TRUE(ends(stuck));
+}
+
+TEST_F(SornTest, AManagerThatGoesTakesNoNewBus) {
+   gate->gateIs(false);
+   const auto sorn = gatedBus()->sorn();
+   std::uint32_t value = 0;
+   const auto request = read(sorn, 1, value);
+   gate->awaitArrivals(1);
+   SornManager& going = *manager;
+   auto other = std::make_shared<TestSupport::GatedSornBackend::State>();
+   int refused = 0;
+   const auto subscription =
+      Platform::subscribe(*request, SornRequest::statusAttr, [&](const Platform::Change&) {
+         try {
+            going.busNew("other", std::make_unique<TestSupport::GatedSornBackend>(other));
+         } catch (const std::system_error& error) {
+            EXPECT_EQ(error.code().value(), ESHUTDOWN);
+            ++refused;
+         }
+      });
+   manager.reset();
+   EXPECT_EQ(refused, 1);
+   other->awaitGone(); // a worker that served it would keep it
+   gate->gateIs(true);
+}
+
+TEST_F(SornTest, AnObserverMayThrowAnythingWhenTheManagerGoes) {
+   gate->gateIs(false);
+   const auto sorn = gatedBus()->sorn();
+   std::uint32_t values[2] = {};
+   const auto first = read(sorn, 1, values[0]);
+   const auto second = read(sorn, 1, values[1]);
+   const auto throwing = Platform::subscribe(*first, SornRequest::statusAttr,
+                                             [](const Platform::Change&) { throw 42; });
+   manager.reset();
+   EXPECT_EQ(first->status(), SornStatus::cancelled);
+   EXPECT_EQ(second->status(), SornStatus::cancelled);
+   gate->gateIs(true);
+}
+
+TEST_F(SornTest, ARequestIsPendingThoughAnObserverOfItsStateThrew) {
+   gate->gateIs(false);
+   const auto sorn = gatedBus()->sorn();
+   std::uint32_t value = 0;
+   const auto request = sorn->newRequest();
+   request->makeReadOp(word(1), value, ReadByteSwap::swap, 0);
+   {
+      const auto throwing =
+         Platform::subscribe(*request, SornRequest::stateAttr,
+                             [](const Platform::Change&) { throw std::runtime_error("no"); });
+      EXPECT_THROW(request->stateIs(SornRequestState::submitted), std::runtime_error);
+      EXPECT_EQ(request->status(), SornStatus::pending);
+      gate->gateIs(true);
+      ASSERT_TRUE(ends(request));
+      EXPECT_THROW(request->stateIs(SornRequestState::idle), std::runtime_error);
+      EXPECT_EQ(request->status(), SornStatus::idle);
+   }
+}
+
+TEST_F(SornTest, ARequestThatHasEndedIsNotDescribedBeforeItIsSetBack) {
+   const auto sorn = gatedBus()->sorn();
+   std::uint32_t value = 0;
+   const auto request = read(sorn, 1, value);
+   ASSERT_TRUE(ends(request));
+   // Accepted, it could not be submitted, as its state is that already.
+   EXPECT_THROW(request->makeReadOp(word(2), value, ReadByteSwap::swap, 0), std::system_error);
+   request->stateIs(SornRequestState::idle);
+   request->makeReadOp(word(2), value, ReadByteSwap::swap, 0);
+   request->stateIs(SornRequestState::submitted);
+   EXPECT_TRUE(ends(request));
+}
+
+TEST_F(SornTest, AnObserverMaySubmitItsRequestAnewAndDropItsNeighbours) {
+   const auto sorn = gatedBus()->sorn();
+   constexpr int count = 300;
+   std::vector<std::unique_ptr<std::uint32_t>> values(count);
+   std::vector<Ptr<SornRequest>> requests(count);
+   std::vector<Platform::Subscription> subscriptions;
+   int ended = 0;
+   gate->gateIs(false);
+   for (int i = 0; i < count; ++i) {
+      values[i] = std::make_unique<std::uint32_t>(0);
+      requests[i] = read(sorn, 1, *values[i]);
+      subscriptions.push_back(Platform::subscribe(
+         *requests[i], SornRequest::statusAttr, [&, i, rounds = 0](const auto&) mutable {
+            const Ptr<SornRequest> self = requests[i];
+            if (self->status() < SornStatus::failed) {
+               return;
+            }
+            ++ended;
+            const int neighbour = i % 3 == 0 ? (i + 1) % count : i;
+            if (neighbour != i) {
+               requests[neighbour].reset();
+               values[neighbour].reset();
+            }
+            if (++rounds < 3) {
+               self->stateIs(SornRequestState::idle);
+               self->makeReadOp(word(1), *values[i], ReadByteSwap::swap, 0);
+               self->stateIs(SornRequestState::submitted);
+            }
+         }));
+   }
+   gate->gateIs(true);
+   // Of three, one is dropped; the others are done three times each.
+   ASSERT_TRUE(loop.runUntil([&] { return ended == count / 3 * 2 * 3; }, patience));
+   loop.poll();
+   EXPECT_EQ(ended, count / 3 * 2 * 3);
+}
+
+TEST_F(SornTest, TheManagerMayGoInsideATimeout) {
+   gate->gateIs(false);
+   const auto desc = gatedBus();
+   desc->timeoutIs(5);
+   const auto sorn = desc->sorn();
+   std::vector<std::uint32_t> values(10);
+   std::vector<Ptr<SornRequest>> requests;
+   std::vector<Platform::Subscription> subscriptions;
+   int ended = 0;
+   for (std::uint32_t& value : values) {
+      requests.push_back(read(sorn, 1, value));
+      subscriptions.push_back(
+         Platform::subscribe(*requests.back(), SornRequest::statusAttr, [&](auto&) {
+            ++ended;
+            manager.reset();
+         }));
+   }
+   ASSERT_TRUE(loop.runUntil([&] { return ended == 10; }, patience));
+   EXPECT_EQ(requests.front()->status(), SornStatus::timedOut);
+   EXPECT_EQ(requests.back()->status(), SornStatus::cancelled);
+   gate->gateIs(true);
 }
 
 TEST_F(SornTest, ABusNeedsANameOfItsOwnAndABackend) {
