@@ -14,6 +14,7 @@
 
 #include "board/FileError.h"
 #include "board/Number.h"
+#include "board/PciFunction.h"
 #include "board/TomlTable.h"
 #include "TarnRegFile/RegisterFileChecker.h"
 #include "TarnRegFile/RegisterFileHelper.h"
@@ -67,19 +68,8 @@ std::optional<unsigned> controllerOf(std::string_view path) {
 
 /// "0000:03:00.0": domain, bus, device, function, in lower-case hex.
 bool isPciFunction(std::string_view text) {
-   constexpr std::string_view form = "hhhh:hh:hh.o";
-   if (text.size() != form.size()) {
-      return false;
-   }
-   for (std::size_t i = 0; i < form.size(); ++i) {
-      const std::string_view allowed = form[i] == 'h'   ? "0123456789abcdef"
-                                       : form[i] == 'o' ? "01234567"
-                                                        : form.substr(i, 1);
-      if (allowed.find(text[i]) == std::string_view::npos) {
-         return false;
-      }
-   }
-   return true;
+   const auto function = pciFunctionFrom(text);
+   return function && pciFunctionText(*function) == text;
 }
 
 class Parser {

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -16,6 +15,7 @@
 #include <fmt/format.h>
 
 #include "board/Number.h"
+#include "board/PciFunction.h"
 #include "platform/entity/Errors.h"
 #include "platform/hardware/PciHwAccessImpl.h"
 #include "platform/hardware/SpiHwAccess.h"
@@ -35,7 +35,6 @@ constexpr std::uint32_t maxI2cAddress = 0x7f;
 constexpr std::uint32_t maxSpiMode = 3;
 constexpr std::uint32_t maxSmbusBus = 127;
 constexpr std::uint32_t maxSmbusController = 255;
-constexpr std::uint32_t maxPciDevice = 0x1f;
 constexpr std::size_t maxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 
 /// What stands behind the scheme, taken apart piece by piece.
@@ -114,23 +113,6 @@ TransportUrl::Where mockAt(Rest& rest) {
    return MockAt{std::string(rest.place())};
 }
 
-constexpr std::string_view pciForm = "hhhh:hh:hh.o";
-constexpr std::string_view shortPciForm = "hh:hh.o";
-
-/// Whether `text` is of a form in which h stands for a hexadecimal digit and o for an octal one.
-bool hasForm(std::string_view text, std::string_view form) {
-   return std::equal(text.begin(), text.end(), form.begin(), form.end(), [](char c, char wanted) {
-      switch (wanted) {
-      case 'h':
-         return std::isxdigit(static_cast<unsigned char>(c)) != 0;
-      case 'o':
-         return c >= '0' && c <= '7';
-      default:
-         return c == wanted;
-      }
-   });
-}
-
 /// Whether `text` names a device's file for one of its BARs: "resource0", "resource2_wc".
 bool isResource(std::string_view text) {
    constexpr std::string_view front = "resource";
@@ -146,14 +128,13 @@ TransportUrl::Where pciAt(Rest& rest) {
    const std::string_view text = rest.place();
    const std::size_t slash = text.find('/');
    const std::string_view device = text.substr(0, slash);
-   const bool isShort = hasForm(device, shortPciForm);
-   if (isShort || hasForm(device, pciForm)) {
+   if (const auto function = pciFunctionFrom(device)) {
       const std::string_view resource =
          slash == std::string_view::npos ? "resource0" : text.substr(slash + 1);
       if (!isResource(resource)) {
          rest.fail(fmt::format("'{}' is none of resource0 to resource5", resource));
       }
-      return PciAt{fmt::format("{}{}{}/{}", pciDevices, isShort ? "0000:" : "", device, resource)};
+      return PciAt{fmt::format("{}{}/{}", pciDevices, pciFunctionText(*function), resource)};
    }
    if (slash == std::string_view::npos || text.back() == '/') {
       rest.fail("neither a device nor the path of a file");
@@ -198,24 +179,6 @@ TransportUrl::Where spiAt(Rest& rest) {
    return where;
 }
 
-/// The PCI function that `text` names.
-TarnRegFile::PciAddress pciFunction(const Rest& rest, std::string_view text) {
-   const bool isShort = hasForm(text, shortPciForm);
-   const std::string whole = isShort ? fmt::format("0000:{}", text) : std::string(text);
-   TarnRegFile::PciAddress address;
-   if (hasForm(whole, pciForm)) {
-      const auto part = [&whole](std::size_t from, std::size_t size) {
-         return std::strtoul(whole.substr(from, size).c_str(), nullptr, 16);
-      };
-      address = {static_cast<std::uint16_t>(part(0, 4)), static_cast<std::uint16_t>(part(5, 2)),
-                 static_cast<std::uint8_t>(part(8, 2)), static_cast<std::uint8_t>(part(11, 1))};
-   }
-   if (!hasForm(whole, pciForm) || address.device > maxPciDevice) {
-      rest.fail(fmt::format("pci '{}' is no PCI function", text));
-   }
-   return address;
-}
-
 TransportUrl::Where smbusAt(Rest& rest) {
    rest.optionsAre({"flavour", "controller", "pci", "socket"});
    const std::string_view place = rest.place();
@@ -237,7 +200,10 @@ TransportUrl::Where smbusAt(Rest& rest) {
    where.accelId =
       static_cast<std::uint8_t>(rest.number("controller", 0, maxSmbusController).value_or(0));
    if (const std::optional<std::string_view> pci = rest.text("pci")) {
-      where.pciAddr = pciFunction(rest, *pci);
+      where.pciAddr = pciFunctionFrom(*pci);
+      if (!where.pciAddr) {
+         rest.fail(fmt::format("pci '{}' is no PCI function", *pci));
+      }
    }
    if (const std::optional<std::string_view> socket = rest.text("socket")) {
       if (socket->empty() || socket->back() == '/') {

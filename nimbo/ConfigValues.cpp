@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "board/Number.h"
+#include "board/PciFunction.h"
 #include "board/TomlTable.h"
 #include "platform/metrics/ListenAddress.h"
 #include "platform/trace/Levels.h"
@@ -20,17 +21,6 @@ using Board::shown;
 
 [[noreturn]] void refuse(const std::string& text) {
    throw std::invalid_argument(text);
-}
-
-/// The number that the whole of `text`, which has `digits` digits, spells in hexadecimal.
-std::optional<std::uint32_t> hexFrom(std::string_view text, std::size_t digits) {
-   std::uint32_t number = 0;
-   const char* const end = text.data() + text.size();
-   const auto [stop, error] = std::from_chars(text.data(), end, number, 16);
-   if (text.size() != digits || error != std::errc() || stop != end) {
-      return std::nullopt;
-   }
-   return number;
 }
 
 } // namespace
@@ -55,32 +45,16 @@ std::string socketFileFrom(const std::string& text) {
 }
 
 std::uint32_t pciBdfFrom(std::string_view text) {
-   constexpr std::string_view longForm = "0000:00:00.0";
-   constexpr std::string_view shortForm = "00:00.0";
-   constexpr std::uint32_t mostDevice = 0x1f;
-   constexpr std::uint32_t mostFunction = 7;
-   const std::string_view given = text;
-   std::string_view domainText = "0000";
-   if (text.size() == longForm.size() && text[4] == ':') {
-      domainText = text.substr(0, 4);
-      text.remove_prefix(longForm.size() - shortForm.size());
+   const auto function = Board::pciFunctionFrom(text);
+   if (!function) {
+      refuse(fmt::format("'{}' is no PCI function: of the form \"0000:03:00.0\"", shown(text)));
    }
-   if (text.size() != shortForm.size() || text[2] != ':' || text[5] != '.') {
-      domainText = "";
-      text = shortForm;
-   }
-   const auto domain = hexFrom(domainText, 4);
-   const auto bus = hexFrom(text.substr(0, 2), 2);
-   const auto device = hexFrom(text.substr(3, 2), 2);
-   const auto function = hexFrom(text.substr(6), 1);
-   if (!domain || !bus || !device || !function || *device > mostDevice ||
-       *function > mostFunction) {
-      refuse(fmt::format("'{}' is no PCI function: of the form \"0000:03:00.0\"", shown(given)));
-   }
-   const std::uint32_t bdf = *domain << 16U | *bus << 8U | *device << 3U | *function;
+   const std::uint32_t bdf = std::uint32_t{function->domain} << 16U |
+                             std::uint32_t{function->bus} << 8U |
+                             std::uint32_t{function->device} << 3U | function->function;
    if (bdf == 0) {
       refuse(fmt::format("no request can name the PCI function {}: in requests it stands for none",
-                         given));
+                         text));
    }
    return bdf;
 }
