@@ -15,7 +15,8 @@ BaseTransportDescriptor::~BaseTransportDescriptor() {
 const Platform::TypeData& BaseTransportDescriptor::staticType() {
    using Self = BaseTransportDescriptor;
    static const Platform::TypeData type =
-      Platform::TypeBuilder<Self>("TarnRegFile::BaseTransportDescriptor", Node::staticType())
+      Platform::TypeBuilder<Self>("TarnRegFile::BaseTransportDescriptor",
+                                  TransportDescriptorBase::staticType())
          .attribute<&Self::transportType, &Self::transportTypeIs>("transportType")
          .attribute<&Self::transportProtocol, &Self::transportProtocolIs>("transportProtocol")
          .attribute<&Self::transportFlavour, &Self::transportFlavourIs>("transportFlavour")

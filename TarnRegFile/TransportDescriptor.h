@@ -1,7 +1,7 @@
 #pragma once
 
 #include "platform/entity/AttributeId.h"
-#include "platform/entity/Node.h"
+#include "platform/hardware/TransportDescriptorBase.h"
 #include "TarnRegFile/Export.h"
 #include "TarnRegFile/TransportTypes.h"
 #include "TarnRegFile/Types.h"
@@ -11,7 +11,7 @@ namespace TarnRegFile {
 /// Says which transport a device is reached through. The three enumerations select the
 /// implementation; a derived kind adds what that one needs to find the device. The mock needs
 /// nothing more and takes this one as it stands. An entity, held through Ptr.
-class TARN_API BaseTransportDescriptor : public Platform::Node {
+class TARN_API BaseTransportDescriptor : public Hardware::TransportDescriptorBase {
 public:
    static constexpr Platform::AttributeId transportTypeAttr{"transportType"};
    static constexpr Platform::AttributeId transportProtocolAttr{"transportProtocol"};
