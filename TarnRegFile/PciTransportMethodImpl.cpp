@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 
 #include "platform/entity/Errors.h"
-#include "platform/hardware/BusErrorGuard.h"
+#include "platform/entity/BusErrorGuard.h"
 #include "platform/hardware/SigbusException.h"
 #include "platform/trace/Trace.h"
 
@@ -51,8 +51,8 @@ PciTransportMethodImpl::PciTransportMethodImpl(const Ptr<Hardware::HwAccessImpl>
    }
    if (!_hwAccessImpl->busErrorFlag()) {
       _useSigbusGuard = true;
-      Hardware::BusErrorGuard::autoInstallIs(false);
-      Hardware::BusErrorGuard::initialize();
+      Platform::BusErrorGuard::autoInstallIs(false);
+      Platform::BusErrorGuard::initialize();
    }
 }
 

@@ -15,7 +15,7 @@ namespace TarnRegFile {
 ///
 /// A device that has dropped off the bus answers accesses with SIGBUS. Unless the handle's
 /// busErrorFlag() is set when the transport is made, the transport installs the process's
-/// Hardware::BusErrorGuard and makes guarded accesses, so that a SIGBUS becomes a
+/// Platform::BusErrorGuard and makes guarded accesses, so that a SIGBUS becomes a
 /// Hardware::SigbusException. A handle that is not ready counts as a bus error before anything is
 /// accessed: the same exception, or, without the guard, the signal itself.
 class TARN_API PciTransportMethodImpl : public BaseTransportMethodImpl {

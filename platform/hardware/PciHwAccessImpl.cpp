@@ -11,7 +11,7 @@
 
 #include "platform/entity/Errors.h"
 #include "platform/entity/TypeBuilder.h"
-#include "platform/hardware/BusErrorGuard.h"
+#include "platform/entity/BusErrorGuard.h"
 #include "platform/hardware/SigbusException.h"
 
 namespace Hardware {
@@ -108,7 +108,7 @@ void PciHwAccessImpl::write32(std::uint32_t offset, std::uint32_t value) {
 
 std::uint32_t PciHwAccessImpl::guardedRead32(std::uint32_t offset) const {
    Access access{_word(offset), 0};
-   if (!BusErrorGuard::run(_base, _size, load, &access)) {
+   if (!Platform::BusErrorGuard::run(_base, _size, load, &access)) {
       throw SigbusException();
    }
    return access.value;
@@ -116,7 +116,7 @@ std::uint32_t PciHwAccessImpl::guardedRead32(std::uint32_t offset) const {
 
 void PciHwAccessImpl::guardedWrite32(std::uint32_t offset, std::uint32_t value) {
    Access access{_word(offset), value};
-   if (!BusErrorGuard::run(_base, _size, Hardware::store, &access)) {
+   if (!Platform::BusErrorGuard::run(_base, _size, Hardware::store, &access)) {
       throw SigbusException();
    }
 }

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/hardware/BusErrorGuard.h"
+#include "platform/entity/BusErrorGuard.h"
 #include "platform/hardware/SigbusException.h"
 #include "platform/trace/CaptureScope.h"
 #include "TarnRegFile/ImplFactoryMap.h"
@@ -30,7 +30,7 @@
 
 namespace {
 
-using Hardware::BusErrorGuard;
+using Platform::BusErrorGuard;
 using Hardware::HwAccess;
 using Hardware::HwAccessImpl;
 using Hardware::SigbusException;

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "platform/entity/TypeData.h"
-#include "platform/hardware/BusErrorGuard.h"
+#include "platform/entity/BusErrorGuard.h"
 #include "platform/hardware/SigbusException.h"
 #include "tests/support/ChangeLog.h"
 #include "tests/support/Failure.h"
@@ -30,7 +30,7 @@
 
 namespace {
 
-using Hardware::BusErrorGuard;
+using Platform::BusErrorGuard;
 using Hardware::PciHwAccessImpl;
 using Hardware::pciHwAccessImplFactory;
 using Hardware::SigbusException;

@@ -1,4 +1,4 @@
-#include "platform/hardware/BusErrorGuard.h"
+#include "platform/entity/BusErrorGuard.h"
 
 #include <linux/seccomp.h>
 #include <signal.h>
@@ -26,7 +26,7 @@
 
 namespace {
 
-using Hardware::BusErrorGuard;
+using Platform::BusErrorGuard;
 using TestSupport::RegisterSpace;
 
 constexpr std::size_t page = 4096;

@@ -1,10 +1,11 @@
 #pragma once
 
+#include <csignal>
 #include <cstddef>
 
 #include "platform/entity/Export.h"
 
-namespace Hardware {
+namespace Platform {
 
 /// Turns the SIGBUS that an access to a vanished device raises into a return value. Of the
 /// process, like the signal itself; every function may be used on any thread.
@@ -47,6 +48,9 @@ public:
    /// blocked.
    [[nodiscard]] static bool run(const volatile void* begin, std::size_t size, Action action,
                                  void* argument) noexcept;
+
+private:
+   static void _onBusError(int signal, siginfo_t* info, void* context) noexcept;
 };
 
-} // namespace Hardware
+} // namespace Platform

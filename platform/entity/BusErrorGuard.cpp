@@ -1,4 +1,4 @@
-#include "platform/hardware/BusErrorGuard.h"
+#include "platform/entity/BusErrorGuard.h"
 
 #include <csetjmp>
 #include <csignal>
@@ -11,7 +11,9 @@
 #include <cstring>
 #include <mutex>
 
-namespace Hardware {
+#include "platform/entity/PatchedMemory.h"
+
+namespace Platform {
 
 namespace {
 
@@ -87,7 +89,11 @@ void forward(int signal, siginfo_t* info, void* context) {
    }
 }
 
-void onBusError(int signal, siginfo_t* info, void* context) {
+} // namespace
+
+// Of the class, as what it repairs is its friends' business.
+void BusErrorGuard::_onBusError(int signal, siginfo_t* info, void* context) noexcept {
+   const int error = errno;
    if (isFault(*info)) {
       const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
       for (Recovery* recovery = innermost; recovery; recovery = recovery->outer) {
@@ -97,13 +103,14 @@ void onBusError(int signal, siginfo_t* info, void* context) {
             ::siglongjmp(recovery->environment, 1);
          }
       }
+      if (PatchedMemory::repair(address)) {
+         errno = error;
+         return;
+      }
    }
-   const int error = errno;
    forward(signal, info, context);
    errno = error;
 }
-
-} // namespace
 
 void BusErrorGuard::initialize() {
    static std::once_flag once;
@@ -111,7 +118,7 @@ void BusErrorGuard::initialize() {
       // Known before the first signal can reach the handler.
       ::sigaction(SIGBUS, nullptr, &previous);
       struct sigaction action = {};
-      action.sa_sigaction = onBusError;
+      action.sa_sigaction = _onBusError;
       // Not deferred, since a handler behind this one may make a guarded access of its own. The
       // other stack, where a thread has one, is for handlers that count on it.
       action.sa_flags = SA_SIGINFO | SA_NODEFER | SA_ONSTACK;
@@ -163,4 +170,4 @@ bool BusErrorGuard::run(const volatile void* begin, std::size_t size, Action act
    return true;
 }
 
-} // namespace Hardware
+} // namespace Platform
