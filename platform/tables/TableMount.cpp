@@ -426,7 +426,7 @@ private:
       }
       const Word sleepers = __atomic_fetch_and(armed, _ownBit, __ATOMIC_SEQ_CST) & ~_ownBit;
       if (sleepers != 0 || always) {
-         // Nothing can be done if it fails, and those who wait look from time to time anyway.
+         // Overwrites a byte that is there, so that no lack of memory can keep it from ringing.
          [[maybe_unused]] const ssize_t written = ::pwrite(_files.bell.fd(), "", 1, 0);
       }
    }

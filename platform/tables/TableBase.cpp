@@ -1,0 +1,259 @@
+#include "platform/tables/TableBase.h"
+
+#include <cerrno>
+#include <exception>
+#include <string>
+#include <utility>
+
+#include <absl/container/flat_hash_set.h>
+#include <fmt/format.h>
+
+#include "platform/entity/Errors.h"
+#include "platform/tables/CollectionControl.h"
+#include "platform/tables/private/SharedWords.h"
+#include "platform/tables/TableService.h"
+
+namespace Platform::Tables {
+
+namespace {
+
+constexpr const char* notMounted = "shared table '{}' is not mounted";
+
+// So many changes are told before others on the loop have their turn.
+constexpr unsigned turn = 1000;
+
+std::span<const std::uint8_t> bytesOf(const std::vector<Word>& words, std::size_t size) {
+   return {reinterpret_cast<const std::uint8_t*>(words.data()), size};
+}
+
+std::string textOf(std::span<const std::uint8_t> bytes) {
+   return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+} // namespace
+
+/// Tells the table what other mounts change. Kept alive while it does, as whoever is told may
+/// unmount, or destroy, the table.
+///
+/// The journal names what has changed, up to its length. Whoever is behind by more looks through
+/// the whole table; what is not in it any more could then not be told, were there no list of the
+/// keys that there were.
+class TableBase::Changes : public std::enable_shared_from_this<TableBase::Changes> {
+public:
+   Changes(TableBase& table, TableService& service)
+      : _table(&table), _key(table._mount->keyWords()), _record(table._mount->recordWords()),
+        _watch(std::make_unique<TableService::Watch>(service, *table._mount,
+                                                     [this](bool closed) { _told(closed); })) {
+      for (std::uint32_t position = 0; table._mount->next(position, _key, _record);) {
+         known.insert(textOf(_keyBytes()));
+      }
+      // Whatever came since the mount, and to be woken at what comes.
+      _watch->callSoon();
+   }
+
+   void stop() {
+      _table = nullptr;
+      _watch.reset();
+   }
+
+   absl::flat_hash_set<std::string> known;
+
+private:
+   std::span<const std::uint8_t> _keyBytes() const { return bytesOf(_key, _table->_shape.keySize); }
+
+   void _told(bool closed) {
+      const std::shared_ptr<Changes> held = shared_from_this();
+      _closed = _closed || closed;
+      try {
+         if (!_tellSome() && _table) {
+            _watch->callSoon();
+         }
+      } catch (const CorruptionException& corruption) {
+         if (_table) {
+            // Nothing more can be learned from this table, and the loop goes on.
+            TableBase& table = *_table;
+            stop();
+            table.handleCorruption(corruption.what());
+         }
+      } catch (...) {
+         if (_table) {
+            _watch->callSoon(); // for what comes after the change that met the exception
+         }
+         throw;
+      }
+   }
+
+   // Returns whether it can sleep now.
+   bool _tellSome() {
+      for (unsigned told = 0; _table && told < turn; ++told) {
+         switch (_table->_mount->nextChange(_key)) {
+         case TableMount::Change::changed:
+            _tell();
+            break;
+         case TableMount::Change::missed:
+            _tellAll();
+            break;
+         case TableMount::Change::none:
+            if (std::exchange(_closed, false) && _table->_mount->preparedChange(_key)) {
+               _tell();
+               break;
+            }
+            if (_table->_mount->arm()) {
+               return true;
+            }
+         }
+      }
+      return !_table;
+   }
+
+   void _tell() {
+      if (_table->_mount->get(_keyBytes(), _record)) {
+         known.insert(textOf(_keyBytes()));
+      } else {
+         known.erase(textOf(_keyBytes()));
+      }
+      const std::vector<Word> key = _key; // the next one may come while this one is told
+      _table->changed(bytesOf(key, _table->_shape.keySize));
+   }
+
+   void _tellAll() {
+      absl::flat_hash_set<std::string> before = std::exchange(known, {});
+      for (std::uint32_t position = 0; _table->_mount->next(position, _key, _record);) {
+         known.insert(textOf(_keyBytes()));
+      }
+      before.insert(known.begin(), known.end());
+      for (const std::string& key : before) {
+         if (!_table) {
+            return;
+         }
+         _table->changed({reinterpret_cast<const std::uint8_t*>(key.data()), key.size()});
+      }
+   }
+
+   TableBase* _table;
+   std::vector<Word> _key;
+   std::vector<Word> _record;
+   std::unique_ptr<TableService::Watch> _watch;
+   bool _closed = false; // a writer has, and may have died
+};
+
+TableBase::TableBase(String name, TableShape shape, Owner& owner)
+   : _name(std::move(name)), _shape(std::move(shape)), _owner(owner) {}
+
+TableBase::~TableBase() {
+   if (_changes) {
+      _changes->stop();
+   }
+   if (_control) {
+      _control->tableIs(nullptr);
+   }
+}
+
+void TableBase::mount(TableService& service, const MountOptions& options) {
+   if (_mount) {
+      return;
+   }
+   try {
+      _mount = std::make_unique<TableMount>(service.directory(), _name,
+                                            TableMount::Options{.role = options.role,
+                                                                .shape = _shape,
+                                                                .create = options.create,
+                                                                .mode = options.mode,
+                                                                .group = options.group});
+      _service = &service;
+      _mount->quiescedIs(_quiesced);
+      _changes = std::make_shared<Changes>(*this, service);
+   } catch (const CorruptionException& corruption) {
+      _mount.reset();
+      service.handleCorruption(_name, corruption.what());
+      _statusIs(MountStatus::corrupted, corruption.what());
+      throw;
+   } catch (const std::exception& failure) {
+      _mount.reset();
+      _statusIs(MountStatus::failed, failure.what());
+      throw;
+   }
+   _statusIs(MountStatus::mounted, "");
+}
+
+void TableBase::unmount() {
+   if (_changes) {
+      std::exchange(_changes, nullptr)->stop();
+   }
+   _mount.reset();
+   _service = nullptr;
+   _statusIs(MountStatus::unmounted, "");
+}
+
+TableRole TableBase::role() const noexcept {
+   return _mount ? _mount->role() : TableRole::reader;
+}
+
+void TableBase::quiescedIs(bool quiesced) {
+   if (quiesced == _quiesced) {
+      return;
+   }
+   if (_mount) {
+      _mount->quiescedIs(quiesced);
+   }
+   _quiesced = quiesced;
+   _owner.tableQuiescedChanged(quiesced);
+}
+
+void TableBase::handleCorruption(const String& message) {
+   const TableService* const service = _service;
+   if (_mount) {
+      _statusIs(MountStatus::corrupted, message);
+   }
+   if (service) {
+      service->handleCorruption(_name, message);
+   }
+}
+
+const TableMount& TableBase::_mounted() const {
+   if (!_mount) [[unlikely]] {
+      throwError(ENOTCONN, fmt::format(notMounted, _name));
+   }
+   return *_mount;
+}
+
+TableMount& TableBase::_mounted() {
+   return const_cast<TableMount&>(std::as_const(*this)._mounted());
+}
+
+void TableBase::_put(std::span<const std::uint8_t> key, std::span<const std::uint8_t> record) {
+   if (_mounted().put(key, record) && _changes) {
+      _changes->known.insert(textOf(key));
+   }
+}
+
+std::optional<std::size_t> TableBase::_del(std::span<const std::uint8_t> key,
+                                           std::span<std::uint64_t> record) {
+   const std::optional<std::size_t> size = _mounted().del(key, record);
+   if (size && _changes) {
+      _changes->known.erase(textOf(key));
+   }
+   return size;
+}
+
+std::vector<std::vector<std::uint8_t>> TableBase::_keys() const {
+   const TableMount& mount = _mounted();
+   std::vector<Word> key(mount.keyWords());
+   std::vector<Word> record(mount.recordWords());
+   std::vector<std::vector<std::uint8_t>> keys;
+   for (std::uint32_t position = 0; mount.next(position, key, record);) {
+      const std::span<const std::uint8_t> bytes = bytesOf(key, _shape.keySize);
+      keys.emplace_back(bytes.begin(), bytes.end());
+   }
+   return keys;
+}
+
+void TableBase::_statusIs(MountStatus status, const String& text) {
+   _statusText = text;
+   if (status != _status) {
+      _status = status;
+      _owner.tableMountStatusChanged();
+   }
+}
+
+} // namespace Platform::Tables
