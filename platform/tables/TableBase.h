@@ -92,7 +92,7 @@ public:
    void handleCorruption(const String& message);
 
 protected:
-   ~TableBase();
+   virtual ~TableBase();
 
    /// A record of another mount may have changed.
    virtual void changed(std::span<const std::uint8_t> key) = 0;

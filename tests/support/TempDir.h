@@ -14,8 +14,11 @@ namespace TestSupport {
 /// A directory of the test's own, removed with all it holds at the end of the scope.
 class TempDir {
 public:
-   TempDir() {
-      std::string pattern = (std::filesystem::temp_directory_path() / "tarn-test-XXXXXX").string();
+   TempDir() : TempDir(std::filesystem::temp_directory_path()) {}
+
+   /// In `parent`: "/dev/shm" for what has to be in shared memory.
+   explicit TempDir(const std::filesystem::path& parent) {
+      std::string pattern = (parent / "tarn-test-XXXXXX").string();
       if (!::mkdtemp(pattern.data())) {
          throw std::runtime_error("mkdtemp failed for " + pattern);
       }
