@@ -12,6 +12,7 @@
 
 #include "platform/entity/Errors.h"
 #include "platform/entity/PatchedMemory.h"
+#include "platform/tables/private/Bell.h"
 #include "platform/tables/private/ForkWatch.h"
 #include "platform/tables/private/Geometry.h"
 #include "platform/tables/private/MountRegister.h"
@@ -128,13 +129,18 @@ public:
       if (options.shape) {
          _checkShape(*options.shape);
       }
+      Word bit = 0;
+      Word own = 0;
       if (_files.mounts.isOpen()) {
          _register = std::make_unique<MountRegister>(std::move(_files.mounts), _role);
-         _armedBit = Word{1} << std::min(_register->index(), lastOwnBit + 1);
-         _ownBit = _register->index() <= lastOwnBit ? _armedBit : 0;
+         const std::uint32_t index = _register->index();
+         bit = Word{1} << std::min(index, lastOwnBit + 1);
+         // Its own changes it knows. A bit that it shares may be somebody else's wish.
+         own = index <= lastOwnBit ? bit : 0;
          // Wherever it is used it differs from that of every mount that is there.
          _origin = _register->index() << 21 | _register->nonce();
       }
+      _bell.emplace(_mapping.armed(), _files.bell.fd(), bit, own);
       _forkGeneration = ForkWatch::generation();
       if (_role == TableRole::writer) {
          _lock = std::make_unique<TableLock>(_mapping.lockWord(), *_register);
@@ -257,9 +263,7 @@ public:
    }
 
    bool arm() {
-      __atomic_fetch_or(_mapping.armed(), _armedBit, __ATOMIC_SEQ_CST);
-      // Either the writer sees the bit, or what it wrote is seen here.
-      fenceFull();
+      _bell->arm();
       return _head() == _cursor;
    }
 
@@ -299,7 +303,7 @@ public:
    const TableShape& shape() const noexcept { return _shape; }
    const Geometry& geometry() const noexcept { return _geometry; }
    bool quiesced() const noexcept { return _quiesced; }
-   bool canBeWoken() const noexcept { return _files.control.isOpen() && _armedBit != 0; }
+   bool canBeWoken() const noexcept { return _files.control.isOpen() && _origin != 0; }
    int bellFd() const noexcept { return _files.bellWatch.fd(); }
 
 private:
@@ -405,7 +409,7 @@ private:
          finding = operation();
       }
       // The dead one may have died before it rang.
-      _ring(fromTheDead);
+      _bell->ring(fromTheDead);
       if (finding.kind == Finding::Kind::corrupted || _mapping.lost()) [[unlikely]] {
          _lock->abandon(); // who comes next takes nothing for granted either
       } else {
@@ -413,22 +417,6 @@ private:
       }
       _checkNotLost();
       return finding;
-   }
-
-   /// Wakes those who sleep. The word is cleared first: a reader that arms itself after that is
-   /// rung for by the next writer, and one that did before hears this one. The other way round a
-   /// reader that was quick to go back to sleep would have its bit cleared and never be woken.
-   void _ring(bool always) const noexcept {
-      fenceFull();
-      Word* const armed = _mapping.armed();
-      if (!always && (__atomic_load_n(armed, __ATOMIC_RELAXED) & ~_ownBit) == 0) {
-         return;
-      }
-      const Word sleepers = __atomic_fetch_and(armed, _ownBit, __ATOMIC_SEQ_CST) & ~_ownBit;
-      if (sleepers != 0 || always) {
-         // Overwrites a byte that is there, so that no lack of memory can keep it from ringing.
-         [[maybe_unused]] const ssize_t written = ::pwrite(_files.bell.fd(), "", 1, 0);
-      }
    }
 
    void _toTheHead() { _cursor = _head(); }
@@ -474,12 +462,11 @@ private:
    std::vector<Word> _bytes;   // of a record to be written
    const TableImage _image;
    std::unique_ptr<MountRegister> _register;
+   mutable std::optional<Bell> _bell;
    std::unique_ptr<TableLock> _lock;
    std::unique_ptr<TableEditor> _editor;
    std::uint64_t _forkGeneration = 0;
    std::uint32_t _origin = 0; // 0: none, for a reader without a place
-   Word _armedBit = 0;
-   Word _ownBit = 0; // what this mount need not ring for; none if it is shared
    Word _cursor = 0;
    bool _quiesced = false;
 };
