@@ -24,6 +24,13 @@ public:
    using std::range_error::range_error;
 };
 
+/// Bytes of another process or of a file that are no message: damaged, cut short, or of another
+/// kind than was asked for.
+class TARN_PLATFORM_API MessageError : public std::runtime_error {
+public:
+   using std::runtime_error::runtime_error;
+};
+
 /// Throws std::system_error with `code` in the generic category: an error that this system itself
 /// finds, as opposed to a failed system call.
 [[noreturn]] TARN_PLATFORM_API void throwError(int code, const std::string& text);
