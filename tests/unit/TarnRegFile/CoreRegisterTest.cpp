@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/entity/Value.h"
+#include "platform/tables/Table.h"
 #include "tests/support/Failure.h"
 
 namespace {
@@ -60,6 +61,8 @@ TEST(CoreRegister, HasAStringFormThatReadsBack) {
       EXPECT_EQ(wrong.rest(), bad);
    }
 }
+
+static_assert(Platform::Tables::TableRecord<CoreRegister>, "it is what the tables hold");
 
 TEST(CoreRegister, IsStoredInEightBytesKeyFirst) {
    EXPECT_EQ(CoreRegister::maxSerializedLen, 8u);

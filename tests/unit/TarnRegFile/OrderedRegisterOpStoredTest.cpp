@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/tables/Table.h"
 #include "TarnRegFile/OrderedRegisterOp.h"
 #include "tests/support/Failure.h"
 #include "tests/unit/TarnRegFile/OrderedOperations.h"
@@ -22,6 +23,8 @@ using TarnRegFile::Sable::OpIndex;
 using TarnRegFile::Sable::OrderedRegisterOp;
 using TarnRegFile::Sable::UniqueId;
 using TestSupport::Failure;
+
+static_assert(Platform::Tables::TableRecord<OrderedRegisterOp>, "it is what the tables hold");
 
 constexpr std::size_t slotLen = 1044;
 
