@@ -119,9 +119,17 @@ std::strong_ordering operator<=>(const Ptr<T>& a, const Ptr<U>& b) noexcept {
 
 /// Makes a T and returns its first reference. If the constructor throws, the exception passes on
 /// and nothing is left behind.
+///
+/// A class whose construction ends with calls of its own virtual functions has them in a
+/// handleConstructed(), which is called here: in a constructor, the overrides of derived classes
+/// are not there yet. What it throws passes on in the same way.
 template <typename T, typename... Args>
 Ptr<T> make(Args&&... args) {
-   return Ptr<T>(new T(std::forward<Args>(args)...), typename Ptr<T>::Adopt{});
+   Ptr<T> made(new T(std::forward<Args>(args)...), typename Ptr<T>::Adopt{});
+   if constexpr (requires { made->handleConstructed(); }) {
+      made->handleConstructed();
+   }
+   return made;
 }
 
 /// The same object as a T, or null when it is none (or `pointer` is null).

@@ -1,6 +1,7 @@
 #include "platform/entity/Ptr.h"
 
 #include <map>
+#include <stdexcept>
 #include <type_traits>
 #include <unordered_set>
 
@@ -27,6 +28,29 @@ public:
    int payload = 7;
 };
 class Shifted : public Mixin, public Platform::RefCounted {};
+
+/// Has a last step of construction that depends on the derived class.
+class Stepwise : public Node {
+public:
+   void handleConstructed() { lastStep(); }
+   virtual void lastStep() = 0;
+};
+class Complete : public Stepwise {
+public:
+   explicit Complete(bool mustFail = false) : mustFail_(mustFail) { ++alive; }
+   ~Complete() override { --alive; }
+   void lastStep() override {
+      ++steps;
+      if (mustFail_) {
+         throw std::runtime_error("no");
+      }
+   }
+   static inline int alive = 0;
+   int steps = 0;
+
+private:
+   bool mustFail_;
+};
 
 static_assert(sizeof(Ptr<Probe>) == sizeof(void*));
 static_assert(std::is_nothrow_default_constructible_v<Ptr<Probe>>);
@@ -63,6 +87,17 @@ TEST(Ptr, IsNullUntilItIsGivenAnObject) {
 TEST(Ptr, MakeReturnsTheOnlyReference) {
    const auto probe = make<Probe>();
    EXPECT_EQ(probe->refCount(), 1U);
+}
+
+TEST(Ptr, MakeEndsConstructionWhenAllOfTheObjectIsThere) {
+   const auto complete = make<Complete>();
+   EXPECT_EQ(complete->steps, 1);
+   EXPECT_EQ(complete->refCount(), 1U);
+}
+
+TEST(Ptr, NothingIsLeftOfAnObjectWhoseLastStepThrows) {
+   EXPECT_THROW(make<Complete>(true), std::runtime_error);
+   EXPECT_EQ(Complete::alive, 0);
 }
 
 TEST(Ptr, CopiesShareTheObjectAndTheLastOneDestroysIt) {
