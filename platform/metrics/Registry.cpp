@@ -110,4 +110,10 @@ Registration Registry::registrationNew(std::vector<NamedMetric> metrics,
    return Registration(std::move(group));
 }
 
+Registry& processRegistry() {
+   // Never destroyed: objects that register may outlive everything that is.
+   static auto* const instance = new Registry;
+   return *instance;
+}
+
 } // namespace Platform::Metrics

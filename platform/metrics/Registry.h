@@ -19,8 +19,9 @@ class SeriesTable;
 
 /// The counters and histograms of a program, as they are shown to whoever collects them (Exposer).
 ///
-/// A program that is to be watched makes one and passes it to the objects that count; there is
-/// no global one. Any thread may register, while others register, let go, or collect.
+/// A program that is to be watched makes one and passes it to the objects that count, or exposes
+/// processRegistry(), in which those register that are made by their name alone. Any thread may
+/// register, while others register, let go, or collect.
 ///
 ///     struct Bus {
 ///        Counter reads;
@@ -82,5 +83,9 @@ private:
    const Limits _limits;
    const std::shared_ptr<SeriesTable> _table;
 };
+
+/// The registry of objects that nobody passes one to: the tables' entities. Lives to the end of the
+/// process. Any thread.
+TARN_PLATFORM_API Registry& processRegistry();
 
 } // namespace Platform::Metrics

@@ -42,6 +42,7 @@ void CollectionControl::mount() {
 void CollectionControl::unmount() {
    if (_table) {
       _table->unmount();
+      mountStatusIs(_table->mountStatus());
    }
    // It may be what keeps the table, which detaches itself when it goes.
    const Ptr<Node> gone = std::exchange(_entity, nullptr);

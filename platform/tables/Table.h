@@ -123,12 +123,14 @@ public:
    }
 
    /// The second half. Throws std::logic_error if `record` is not what directWrite() returned, and
-   /// writes nothing then. When writing fails the record is given back as well.
-   void commit(const R* record) {
+   /// writes nothing then. When writing fails the record is given back as well. Returns what was
+   /// written.
+   R commit(const R* record) {
       _checkDirect(record);
       const R filled = std::move(*_direct);
       _direct.reset();
       put(filled);
+      return filled;
    }
 
    /// Gives a direct write up. As commit().

@@ -53,6 +53,9 @@ public:
    void parentIs(const Ptr<Node>& parent) { _parent = WeakPtr<Node>(parent); }
    Ptr<Node> parent() const { return _parent.lock(); }
 
+   /// The control that the table is attached to; null if there is none.
+   CollectionControl* control() const noexcept { return _control; }
+
    struct MountOptions {
       TableRole role = TableRole::reader;
       bool create = true; ///< Makes the table if there is none.
