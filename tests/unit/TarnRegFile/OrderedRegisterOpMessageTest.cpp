@@ -456,7 +456,8 @@ TEST(OrderedRegisterOpMessage, ValueKeepsTheLowerHalfOfALongerNumberAsInProtobuf
    EXPECT_THAT(valuesOf(opOf(message)), ElementsAre(0x12345678));
 }
 
-/// A field of every wire type but `right`, each whole and well formed.
+/// A field of every wire type but `right`: each whole and well formed, and each with what could
+/// pass for the content of any.
 std::vector<WireBytes> otherTypes(std::uint64_t field, unsigned right) {
    std::vector<std::pair<unsigned, WireBytes>> all{
       {0, WireBytes().varint(field, 1)},
@@ -472,6 +473,7 @@ std::vector<WireBytes> otherTypes(std::uint64_t field, unsigned right) {
    for (const auto& [type, bytes] : all) {
       if (type != right) {
          others.push_back(bytes);
+         others.push_back(WireBytes().tag(field, type).rawVarint(0));
       }
    }
    return others;

@@ -166,7 +166,11 @@ TEST(OrderedRegisterOpStored, SlotWithABadCountHasNoRecord) {
       EXPECT_EQ(OrderedRegisterOp::deserializeLen(badValues.data(), slotLen), 0u);
       EXPECT_EQ(OrderedRegisterOp::storedLen(badValues), 0u);
    }
+   // One too many, though all else would be an ordinary record.
    Bytes most = slotOf(Bytes(20, 0), 0);
+   put32(most, 12, 129);
+   EXPECT_EQ(OrderedRegisterOp::deserializeLen(most.data(), slotLen), 0u);
+   EXPECT_EQ(OrderedRegisterOp::storedLen(most), 0u);
    put32(most, 12, 128);
    put32(most, 16 + 4 * 128, 128);
    EXPECT_EQ(OrderedRegisterOp::deserializeLen(most.data(), slotLen), slotLen);
