@@ -105,7 +105,8 @@ public:
    static constexpr std::size_t maxSerializedLen = 1044;
 
    std::size_t serializeLen() const noexcept {
-      return maxSerializedLen - 4 * (_capacity - _regValue.count) - 4 * (_capacity - _regKey.count);
+      return maxSerializedLen - std::size_t{4} * (_capacity - _regValue.count) -
+             std::size_t{4} * (_capacity - _regKey.count);
    }
 
    /// Writes serializeLen() bytes. Throws Platform::RangeError, with nothing written, if a count is
