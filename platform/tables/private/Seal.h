@@ -30,9 +30,11 @@ constexpr int valueBits = 48;
 constexpr Word maxValue = (Word{1} << valueBits) - 1;
 
 /// One multiplication: the upper bits of the product depend on every bit below, so no single
-/// flipped bit goes unnoticed, and other damage once in 65,536 times.
+/// flipped bit goes unnoticed, and other damage once in 65,536 times. Never 0, so that no word of a
+/// zeroed page is one of ours.
 constexpr Word checkOf(Word value, Word salt) noexcept {
-   return (value ^ salt) * 0x9FB21C651E98DF25U >> valueBits;
+   const Word check = (value ^ salt) * 0x9FB21C651E98DF25U >> valueBits;
+   return check + (check == 0);
 }
 
 constexpr Word sealed(Word value, Word salt) noexcept {

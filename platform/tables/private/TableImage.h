@@ -141,7 +141,8 @@ protected:
 
    /// The index in use, as long as the stored descriptor is what it was the last time.
    bool _indexInUse(Word descriptor) const noexcept {
-      return descriptor == _knownDescriptor || _indexIsKnown(descriptor);
+      // Nothing is known at first, and a damaged descriptor may look like that.
+      return (descriptor == _knownDescriptor && _knownIndex.entries) || _indexIsKnown(descriptor);
    }
    bool _indexIsKnown(Word descriptor) const noexcept;
 
