@@ -26,7 +26,19 @@ std::vector<int>& descriptors() {
 
 std::atomic<std::uint64_t> ForkWatch::_generation{0};
 
-void ForkWatch::fdIs(int fd) {
+// Listed first: what counts is the process that the list was made in.
+ForkWatch::File::File(FileHandle& file) : _file(file), _bornIn((_fdIs(file.fd()), generation())) {}
+
+ForkWatch::File::~File() {
+   if (generation() == _bornIn) {
+      _fdDel(_file.fd());
+   } else {
+      // Closed when this process began; the number may be somebody else's by now.
+      _file.release();
+   }
+}
+
+void ForkWatch::_fdIs(int fd) {
    static std::once_flag once;
    std::call_once(once, [] {
       // Held over the fork, so that the child finds the list whole.
@@ -44,7 +56,7 @@ void ForkWatch::fdIs(int fd) {
    descriptors().push_back(fd);
 }
 
-void ForkWatch::fdDel(int fd) noexcept {
+void ForkWatch::_fdDel(int fd) noexcept {
    const std::lock_guard lock(mutex());
    std::erase(descriptors(), fd);
 }

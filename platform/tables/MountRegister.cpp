@@ -11,7 +11,6 @@
 #include <utility>
 
 #include "platform/entity/Errors.h"
-#include "platform/tables/private/ForkWatch.h"
 #include "platform/tables/private/Seal.h"
 
 namespace Platform::Tables {
@@ -74,7 +73,7 @@ MountInfo infoOf(std::uint32_t index, const Entry& entry) {
 } // namespace
 
 MountRegister::MountRegister(FileHandle fd, TableRole role)
-   : _file(std::move(fd)), _role(role), _forkGeneration(ForkWatch::generation()) {
+   : _file(std::move(fd)), _notInChildren(_file), _role(role) {
    while (_nonce == 0) {
       if (::getrandom(&_nonce, sizeof _nonce, 0) != static_cast<ssize_t>(sizeof _nonce)) {
          throwErrno(registerFailed);
@@ -83,17 +82,9 @@ MountRegister::MountRegister(FileHandle fd, TableRole role)
    }
    _takePlace();
    _write(false);
-   ForkWatch::fdIs(_file.fd());
 }
 
-MountRegister::~MountRegister() {
-   if (ForkWatch::generation() != _forkGeneration) {
-      // Closed when this process began; the number may be somebody else's by now.
-      _file.release();
-      return;
-   }
-   ForkWatch::fdDel(_file.fd());
-}
+MountRegister::~MountRegister() = default;
 
 void MountRegister::_takePlace() {
    for (_index = 0; _index < maxMounts; ++_index) {

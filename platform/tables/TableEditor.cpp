@@ -13,6 +13,7 @@ constexpr const char* badDescriptor = "the index descriptor fails its check";
 constexpr const char* badCounters = "a counter of the table fails its check";
 constexpr const char* badFreeList = "the list of free slots fails its check, at slot";
 constexpr const char* badState = "the state of a record fails its check, in slot";
+constexpr const char* badRecord = "a record fails its check, in slot";
 constexpr const char* badEntry = "an index entry fails its check:";
 
 constexpr std::size_t pageOf(std::size_t offset) noexcept {
@@ -180,14 +181,16 @@ Finding TableEditor::_reindex(unsigned log2) noexcept {
    }
    Word key[wordsFor(256)];
    for (std::uint32_t slot = 0; slot < highWater; ++slot) {
-      Word value = 0;
-      if (!Seal::unseal(loadRelaxed(_slot(slot)), _slotSalt(slot), value)) {
-         return Finding::corrupted(badState, slot);
-      }
-      if (!(value & liveBit)) {
+      // All of the record: one whose key is damaged would be put where nobody looks for it, and so
+      // seem absent from then on.
+      Place place;
+      const Finding finding = readSlot(slot, key, _scratch, place);
+      if (finding.kind == Finding::Kind::absent) {
          continue;
       }
-      copyOut(key, _key(slot), _shape.keyWords);
+      if (!finding.isDone()) {
+         return Finding::corrupted(badRecord, slot);
+      }
       const Word hash = keyHash(key);
       Word position = hash & index.mask;
       for (Word n = 0;; ++n) {
@@ -248,6 +251,7 @@ Finding TableEditor::_prepareChange(const Key& key, Word& number) noexcept {
 
 void TableEditor::_publishChange(Word number) noexcept {
    _controlIs(Control::journalHead, number + 1);
+   _published = number + 1;
 }
 
 Finding TableEditor::put(const Key& key, const Word* record, std::uint32_t length,
@@ -277,7 +281,6 @@ Finding TableEditor::put(const Key& key, const Word* record, std::uint32_t lengt
       if (!finding.isDone()) {
          return finding;
       }
-      copyIn(_mutable(_key(place.slot)), key.words, _shape.keyWords);
    } else {
       Seal::unseal(place.meta, _slotSalt(place.slot), value);
    }
@@ -286,6 +289,9 @@ Finding TableEditor::put(const Key& key, const Word* record, std::uint32_t lengt
    // What is overwritten now was valid before the last commit: a reader that still copies it must
    // come to see that commit.
    fenceRelease();
+   if (inserted) {
+      copyIn(_mutable(_key(place.slot)), key.words, _shape.keyWords);
+   }
    Word* const buffer = _mutable(_buffer(place.slot, activeOf(next)));
    copyIn(buffer + 1, record, wordsFor(length));
    storeRelaxed(buffer, _contentCheck(place.slot, meta, key.hash, record, length));

@@ -146,20 +146,9 @@ public:
          _lock = std::make_unique<TableLock>(_mapping.lockWord(), *_register);
          _editor = std::make_unique<TableEditor>(_mapping.table(), _files.table.fd(), _geometry,
                                                  _id, _origin, _scratch.data());
-         ForkWatch::fdIs(_files.bell.fd());
+         _bellNotInChildren.emplace(_files.bell);
       }
       _toTheHead();
-   }
-
-   ~Impl() {
-      if (!_files.bell.isOpen()) {
-         return;
-      }
-      if (_forked()) {
-         _files.bell.release();
-      } else {
-         ForkWatch::fdDel(_files.bell.fd());
-      }
    }
 
    Impl(const Impl&) = delete;
@@ -196,6 +185,7 @@ public:
          return _editor->put(wanted, _bytes.data(), static_cast<std::uint32_t>(record.size()),
                              inserted);
       }));
+      _skipOwn();
       return inserted;
    }
 
@@ -204,8 +194,10 @@ public:
       Word words[wordsFor(256)];
       const TableImage::Key wanted = _key(key, words);
       TableImage::Place place;
-      return _found(_write([&]() noexcept { return _editor->del(wanted, record.data(), place); }),
-                    place);
+      const Finding finding =
+         _write([&]() noexcept { return _editor->del(wanted, record.data(), place); });
+      _skipOwn();
+      return _found(finding, place);
    }
 
    std::size_t count() const {
@@ -421,6 +413,10 @@ private:
 
    void _toTheHead() { _cursor = _head(); }
 
+   /// Who has seen everything but this latest change of its own has seen everything. Else a mount
+   /// that writes much would run around its own journal, and miss nothing but its own changes.
+   void _skipOwn() noexcept { _cursor += _editor->published() == _cursor + 1 ? 1U : 0U; }
+
    Word _head() const {
       Word head = 0;
       const bool intact = _image.control(TableImage::Control::journalHead, head);
@@ -457,6 +453,7 @@ private:
    const Geometry _geometry;
    const Word _id;
    TableFiles _files;
+   std::optional<ForkWatch::File> _bellNotInChildren;
    const Mapping _mapping;
    std::vector<Word> _scratch; // the editor's
    std::vector<Word> _bytes;   // of a record to be written

@@ -5,6 +5,7 @@
 
 #include "platform/tables/MountInfo.h"
 #include "platform/tables/private/FileHandle.h"
+#include "platform/tables/private/ForkWatch.h"
 
 namespace Platform::Tables {
 
@@ -50,8 +51,8 @@ private:
    void _write(bool quiesced);
 
    FileHandle _file;
+   ForkWatch::File _notInChildren;
    const TableRole _role;
-   const std::uint64_t _forkGeneration;
    std::uint32_t _index = 0;
    std::uint32_t _nonce = 0;
 };

@@ -46,6 +46,9 @@ public:
    /// Puts in order what a dead writer left. done or corrupted. Needs no memory.
    Finding recover() noexcept;
 
+   /// How many changes there were when this editor had published its latest.
+   Word published() const noexcept { return _published; }
+
 private:
    Word* _words(std::size_t offset) const noexcept {
       return reinterpret_cast<Word*>(_base + offset);
@@ -86,6 +89,7 @@ private:
    const int _fd;
    const std::uint32_t _origin;
    Word* const _scratch;
+   Word _published = 0;
 };
 
 } // namespace Platform::Tables
