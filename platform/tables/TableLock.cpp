@@ -51,7 +51,8 @@ TableLock::Taken TableLock::_wait() noexcept {
       }
       const std::uint32_t holder = seen & ~waitersBit;
       if (holder == _own) {
-         return Taken::alreadyOwn;
+         // Not by this mount's doing unless it is at work: then the word is damaged.
+         return _held ? Taken::alreadyOwn : Taken::fromTheDead;
       }
       const std::uint32_t index = holder >> indexShift;
       if (index >= MountRegister::maxMounts || !_mounts->mayBeAlive(index, holder & nonceMask)) {
@@ -70,6 +71,7 @@ TableLock::Taken TableLock::_wait() noexcept {
 }
 
 void TableLock::_leave(std::uint32_t word) noexcept {
+   _held = false;
    if (__atomic_exchange_n(_word, word, __ATOMIC_RELEASE) & waitersBit) {
       wakeOne(_word);
    }

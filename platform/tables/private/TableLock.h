@@ -37,9 +37,12 @@ public:
       std::uint32_t free = 0;
       if (__atomic_compare_exchange_n(_word, &free, _own, false, __ATOMIC_ACQUIRE,
                                       __ATOMIC_RELAXED)) {
+         _held = true;
          return Taken::clean;
       }
-      return _wait();
+      const Taken taken = _wait();
+      _held = _held || taken == Taken::clean || taken == Taken::fromTheDead;
+      return taken;
    }
 
    void giveBack() noexcept { _leave(0); }
@@ -67,6 +70,7 @@ private:
    std::uint32_t* const _word;
    const MountRegister* const _mounts;
    const std::uint32_t _own;
+   bool _held = false;
 };
 
 } // namespace Platform::Tables
