@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <system_error>
 #include <utility>
 
 #include <fmt/format.h>
@@ -195,22 +196,11 @@ Header readHeader(int fd, const std::string& name) {
    return header;
 }
 
-} // namespace
-
-void TableFiles::open(const TableDirectory& directory, const std::string& name, TableRole role,
-                      const std::optional<TableShape>& shape, const Permissions& permissions,
-                      const std::function<void(TableFiles)>& onOpen) {
-   const std::string file = TableDirectory::fileName(name);
-   const DirectoryLock lock(directory,
-                            shape ? DirectoryLock::Mode::exclusive : DirectoryLock::Mode::shared);
-   const Place place{lock, directory.path(), file, name};
-   if (shape) {
-      make(place, *shape, permissions);
-   }
+void openFiles(const Place& place, TableRole role, const std::function<void(TableFiles)>& onOpen) {
    const int access = role == TableRole::writer ? O_RDWR : O_RDONLY;
    TableFiles files;
    files.table = openFile(place, ".tbl", access);
-   files.header = readHeader(files.table.fd(), name);
+   files.header = readHeader(files.table.fd(), place.name);
    files.control = openOptional(place, ".ctl", role);
    files.mounts = openOptional(place, ".reg", role);
    files.bellWatch = openFile(place, ".bell", O_RDONLY);
@@ -220,16 +210,45 @@ void TableFiles::open(const TableDirectory& directory, const std::string& name, 
    onOpen(std::move(files));
 }
 
+} // namespace
+
+void TableFiles::open(const TableDirectory& directory, const std::string& name, TableRole role,
+                      const std::optional<TableShape>& shape, const Permissions& permissions,
+                      const std::function<void(TableFiles)>& onOpen) {
+   const std::string file = TableDirectory::fileName(name);
+   // Who may read a table need not be allowed to make one, so that is only tried if there is none.
+   try {
+      const DirectoryLock lock(directory, DirectoryLock::Mode::shared);
+      openFiles({lock, directory.path(), file, name}, role, onOpen);
+      return;
+   } catch (const std::system_error& error) {
+      if (!shape || error.code() != std::error_code(ENOENT, std::system_category())) {
+         throw;
+      }
+   }
+   const DirectoryLock lock(directory, DirectoryLock::Mode::exclusive);
+   const Place place{lock, directory.path(), file, name};
+   make(place, *shape, permissions);
+   openFiles(place, role, onOpen);
+}
+
 void TableFiles::remove(const TableDirectory& directory, const std::string& name, bool force) {
    const std::string file = TableDirectory::fileName(name);
+   const std::string missing =
+      fmt::format("there is no shared table '{}' in '{}'", name, directory.path());
+   if (::access(directory.path().c_str(), F_OK) != 0 && errno == ENOENT) {
+      throwError(ENOENT, missing); // before a directory is made to have something to lock
+   }
    const DirectoryLock lock(directory, DirectoryLock::Mode::exclusive);
    const Place place{lock, directory.path(), file, name};
    if (!exists(place)) {
-      throwError(ENOENT,
-                 fmt::format("there is no shared table '{}' in '{}'", name, directory.path()));
+      throwError(ENOENT, missing);
    }
    if (!force) {
       const FileHandle mounts(::openat(lock.fd(), place.fileOf(".reg").c_str(), O_RDWR | common));
+      if (!mounts.isOpen() && errno != ENOENT) {
+         throwCannot("open", place.pathOf(".reg")); // it cannot be told whether it is mounted
+      }
       if (mounts.isOpen() && !MountRegister::mounts(mounts.fd()).empty()) {
          throwError(EBUSY, fmt::format("the shared table '{}' is mounted", name));
       }
