@@ -86,12 +86,18 @@ private:
    // Returns whether it can sleep now.
    bool _tellSome() {
       for (unsigned told = 0; _table && told < turn; ++told) {
+         if (!_pending.empty()) {
+            const std::string key = std::move(_pending.back());
+            _pending.pop_back();
+            _table->changed({reinterpret_cast<const std::uint8_t*>(key.data()), key.size()});
+            continue;
+         }
          switch (_table->_mount->nextChange(_key)) {
          case TableMount::Change::changed:
             _tell();
             break;
          case TableMount::Change::missed:
-            _tellAll();
+            _lookThroughAll();
             break;
          case TableMount::Change::none:
             if (std::exchange(_closed, false) && _table->_mount->preparedChange(_key)) {
@@ -116,23 +122,19 @@ private:
       _table->changed(bytesOf(key, _table->_shape.keySize));
    }
 
-   void _tellAll() {
+   void _lookThroughAll() {
       absl::flat_hash_set<std::string> before = std::exchange(known, {});
       for (std::uint32_t position = 0; _table->_mount->next(position, _key, _record);) {
          known.insert(textOf(_keyBytes()));
       }
       before.insert(known.begin(), known.end());
-      for (const std::string& key : before) {
-         if (!_table) {
-            return;
-         }
-         _table->changed({reinterpret_cast<const std::uint8_t*>(key.data()), key.size()});
-      }
+      _pending.assign(before.begin(), before.end());
    }
 
    TableBase* _table;
    std::vector<Word> _key;
    std::vector<Word> _record;
+   std::vector<std::string> _pending; // keys still to be told of, after changes were missed
    std::unique_ptr<TableService::Watch> _watch;
    bool _closed = false; // a writer has, and may have died
 };
@@ -165,11 +167,14 @@ void TableBase::mount(TableService& service, const MountOptions& options) {
       _changes = std::make_shared<Changes>(*this, service);
    } catch (const CorruptionException& corruption) {
       _mount.reset();
-      service.handleCorruption(_name, corruption.what());
+      _service = nullptr;
+      const String name = _name; // who is told of the status may destroy this
       _statusIs(MountStatus::corrupted, corruption.what());
+      service.handleCorruption(name, corruption.what());
       throw;
    } catch (const std::exception& failure) {
       _mount.reset();
+      _service = nullptr;
       _statusIs(MountStatus::failed, failure.what());
       throw;
    }
@@ -202,11 +207,12 @@ void TableBase::quiescedIs(bool quiesced) {
 
 void TableBase::handleCorruption(const String& message) {
    const TableService* const service = _service;
+   const String name = _name; // who is told of the status may destroy this
    if (_mount) {
       _statusIs(MountStatus::corrupted, message);
    }
    if (service) {
-      service->handleCorruption(_name, message);
+      service->handleCorruption(name, message);
    }
 }
 

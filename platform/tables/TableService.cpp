@@ -70,7 +70,12 @@ public:
          }
       }
       _watches.push_back(state);
-      _waitAsNeeded();
+      try {
+         _waitAsNeeded();
+      } catch (...) {
+         std::erase(_watches, state); // its owner is not made
+         throw;
+      }
    }
 
    void watchDel(const StatePtr& state) noexcept {
@@ -86,10 +91,10 @@ public:
       _waitAsNeeded();
    }
 
-   void callSoon(const StatePtr& state) {
-      _loop.post([state] {
+   void callSoon(const StatePtr& state, bool closed) {
+      _loop.post([state, closed] {
          if (!state->gone) {
-            state->handler(false);
+            state->handler(closed);
          }
       });
    }
@@ -157,7 +162,7 @@ private:
          } catch (...) {
             // The others have been told of nothing yet.
             for (std::size_t rest = i + 1; rest < states.size(); ++rest) {
-               callSoon(states[rest]);
+               callSoon(states[rest], closed);
             }
             throw;
          }
@@ -208,7 +213,7 @@ TableService::Watch::~Watch() {
 
 void TableService::Watch::callSoon() {
    if (const std::shared_ptr<Impl> service = _state->service.lock()) {
-      service->callSoon(_state);
+      service->callSoon(_state, false);
    }
 }
 
