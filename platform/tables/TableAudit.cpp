@@ -66,12 +66,16 @@ void TableAudit::_slots(const TableImage& image, bool still, Word* record,
    }
 }
 
-void TableAudit::_index(const TableImage& image, Result& result) noexcept {
+void TableAudit::_index(const TableImage& image, bool still, Result& result) noexcept {
+   const Word* const control = image._control(TableImage::Control::index);
+   const Word descriptor = loadAcquire(control);
    TableImage::Index index;
-   if (!image._indexOf(loadAcquire(image._control(TableImage::Control::index)), index)) {
+   if (!image._indexOf(descriptor, index)) {
       result.problemIs(badIndex);
       return;
    }
+   const std::uint32_t problemsBefore = result.problemCount;
+   const Word slots = still ? result.slots : image.geometry().maxRecords;
    result.indexEntries = index.mask + 1;
    Word used = 0;
    Word tombstones = 0;
@@ -79,13 +83,20 @@ void TableAudit::_index(const TableImage& image, Result& result) noexcept {
       Word value = 0;
       if (!Seal::unseal(loadAcquire(index.entries + position), index.entrySalt(position), value)) {
          result.problemIs("an index entry fails its check:", position);
-      } else if (value >> TableImage::tagBits > result.slots) {
+      } else if (value >> TableImage::tagBits > slots) {
          result.problemIs("an index entry leads nowhere:", position);
       } else if (value >> TableImage::tagBits != 0) {
          ++used;
       } else if (value == TableImage::tombstone) {
          ++tombstones;
       }
+   }
+   if (!still) {
+      fenceAcquire();
+      if (loadRelaxed(control) != descriptor) {
+         result.problemCount = problemsBefore; // it is being filled for another use
+      }
+      return;
    }
    if (used != result.records) {
       result.problemIs("the index has another number of entries than there are records:", used);
@@ -138,10 +149,10 @@ void TableAudit::run(const TableImage& image, bool still, Word* record, Result& 
    _controlWords(image, result);
    _slots(image, still, record, result);
    _journal(image, result);
+   _index(image, still, result);
    if (!still) {
       return;
    }
-   _index(image, result);
    _freeList(image, result);
    Word count = 0;
    if (image.control(TableImage::Control::count, count) && count != result.records) {

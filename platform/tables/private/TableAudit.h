@@ -36,7 +36,7 @@ public:
 private:
    static void _controlWords(const TableImage& image, Result& result) noexcept;
    static void _slots(const TableImage& image, bool still, Word* record, Result& result) noexcept;
-   static void _index(const TableImage& image, Result& result) noexcept;
+   static void _index(const TableImage& image, bool still, Result& result) noexcept;
    static void _freeList(const TableImage& image, Result& result) noexcept;
    static void _journal(const TableImage& image, Result& result) noexcept;
 };
