@@ -6,7 +6,7 @@ namespace TarnRegFile::Sable {
 
 OrderedRegisterConfig::OrderedRegisterConfig(const String& name)
    : OrderedRegisterTable(name, "OrderedRegisterConfig") {
-   _zeroReferences->notifierIs(this);
+   _zeroReferencesNotifieeIs(*_zeroReferences.get());
 }
 
 OrderedRegisterConfig::~OrderedRegisterConfig() {

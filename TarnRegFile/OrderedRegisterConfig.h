@@ -6,7 +6,7 @@ namespace TarnRegFile::Sable {
 
 class OrderedRegisterConfig;
 
-/// Leaves a OrderedRegisterConfig that nobody else refers to any more to its control.
+/// Leaves an OrderedRegisterConfig that nobody else refers to any more to its control.
 using OrderedRegisterConfigZeroReferencesNotifiee =
    TableZeroReferencesNotifiee<OrderedRegisterConfig>;
 

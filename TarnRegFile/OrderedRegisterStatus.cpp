@@ -6,7 +6,7 @@ namespace TarnRegFile::Sable {
 
 OrderedRegisterStatus::OrderedRegisterStatus(const String& name)
    : OrderedRegisterTable(name, "OrderedRegisterStatus") {
-   _zeroReferences->notifierIs(this);
+   _zeroReferencesNotifieeIs(*_zeroReferences.get());
 }
 
 OrderedRegisterStatus::~OrderedRegisterStatus() {

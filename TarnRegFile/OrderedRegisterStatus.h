@@ -6,7 +6,7 @@ namespace TarnRegFile::Sable {
 
 class OrderedRegisterStatus;
 
-/// Leaves a OrderedRegisterStatus that nobody else refers to any more to its control.
+/// Leaves an OrderedRegisterStatus that nobody else refers to any more to its control.
 using OrderedRegisterStatusZeroReferencesNotifiee =
    TableZeroReferencesNotifiee<OrderedRegisterStatus>;
 

@@ -6,7 +6,7 @@ namespace TarnRegFile::Sable {
 
 OrderedRegisterTable::OrderedRegisterTable(const String& name, const char* className)
    : TableEntity(name, className,
-                 {opAttr, opControlAttr, "opIs", "opCommit", "opDel", "opNotify"}) {}
+                 {opAttr, opControlAttr, "opIs", "opCommit", "opDel", "opDelAll", "opNotify"}) {}
 
 OrderedRegisterTable::~OrderedRegisterTable() = default;
 

@@ -6,7 +6,7 @@ namespace TarnRegFile::Sable {
 
 ShadowRegisterConfig::ShadowRegisterConfig(const String& name)
    : ShadowRegisterTable(name, "ShadowRegisterConfig") {
-   _zeroReferences->notifierIs(this);
+   _zeroReferencesNotifieeIs(*_zeroReferences.get());
 }
 
 ShadowRegisterConfig::~ShadowRegisterConfig() {

@@ -6,7 +6,7 @@ namespace TarnRegFile::Sable {
 
 ShadowRegisterStatus::ShadowRegisterStatus(const String& name)
    : ShadowRegisterTable(name, "ShadowRegisterStatus") {
-   _zeroReferences->notifierIs(this);
+   _zeroReferencesNotifieeIs(*_zeroReferences.get());
 }
 
 ShadowRegisterStatus::~ShadowRegisterStatus() {

@@ -5,9 +5,9 @@
 namespace TarnRegFile::Sable {
 
 ShadowRegisterTable::ShadowRegisterTable(const String& name, const char* className)
-   : TableEntity(
-        name, className,
-        {regMapAttr, regMapControlAttr, "regMapIs", "regMapCommit", "regMapDel", "regMapNotify"}) {}
+   : TableEntity(name, className,
+                 {regMapAttr, regMapControlAttr, "regMapIs", "regMapCommit", "regMapDel",
+                  "regMapDelAll", "regMapNotify"}) {}
 
 ShadowRegisterTable::~ShadowRegisterTable() = default;
 

@@ -47,7 +47,8 @@ public:
    /// returns the empty one and publishes nothing.
    CoreRegister regMapDel(CoreRegisterKey key) { return _del(key); }
 
-   /// Removes every record, with a change published for each.
+   /// Removes every record that there is now, each with its change published. What is thrown on
+   /// the way, by a notifiee for one, leaves those that are left.
    void regMapDelAll() { _delAll(); }
 
    /// Publishes a change for `key` without writing: for changes that others have made.
@@ -60,7 +61,11 @@ public:
    void regMapNotifyMountStatus() { _notifyMountStatus(); }
 
    /// Who mounts the table. Setting another one attaches the table to it, detaches it from the one
-   /// before, and publishes; null detaches. Setting the same does nothing.
+   /// before, and publishes; null detaches. Mounted or not, the table stays as it is. Setting the
+   /// same does nothing.
+   ///
+   /// An entity that was left to its control has none of its own any more; setting it again takes
+   /// the entity back.
    void regMapControlIs(const Ptr<CollectionControl>& control) { _controlIs(control); }
    const Ptr<CollectionControl>& regMapControl() const noexcept { return _controlOf(); }
 

@@ -1,14 +1,12 @@
 #include "TarnRegFile/TableEntity.h"
 
 #include <exception>
-#include <type_traits>
-
-#include <fmt/format.h>
+#include <string>
+#include <utility>
 
 #include "platform/entity/Fatal.h"
 #include "platform/entity/Value.h"
 #include "platform/metrics/Registry.h"
-#include "platform/trace/Trace.h"
 #include "TarnRegFile/CoreRegister.h"
 #include "TarnRegFile/OrderedRegisterOp.h"
 
@@ -36,20 +34,40 @@ TableEntity<R>::~TableEntity() {
    beingDestroyedIs();
 }
 
+template <typename R>
+void TableEntity<R>::_zeroReferencesNotifieeIs(Platform::ZeroReferencesNotifiee& notifiee) {
+   _zeroReferencesNotifiee = &notifiee;
+   notifiee.notifierIs(this);
+}
+
 // Runs a change of the table. Whatever else goes wrong is the caller's to hear of.
 template <typename R>
 template <typename Write>
 auto TableEntity<R>::_safely(const char* function, const Write& write) {
    try {
+      if (_table.mountStatus() == Platform::Tables::MountStatus::corrupted && _table.tableMount())
+         [[unlikely]] {
+         throw Platform::Tables::CorruptionException(_table.statusText());
+      }
       return write();
    } catch (const Platform::Tables::CorruptionException& corruption) {
+      _stop(function, corruption.what());
+   }
+}
+
+template <typename R>
+void TableEntity<R>::_stop(const char* function, const char* message) noexcept {
+   // Who is told may let the entity go.
+   const Ptr<Platform::Node> held(this);
+   // Or may write, which must not begin it all again.
+   if (!std::exchange(_stopping, true)) {
       try {
-         _table.handleCorruption(corruption.what());
+         _table.handleCorruption(message);
       } catch (...) {
          // A handler that throws does not make the table any safer.
       }
-      Platform::fatalAssertion(_className, function, afterCorruption);
    }
+   Platform::fatalAssertion("TarnRegFile/" + std::string(_className), function, afterCorruption);
 }
 
 template <typename R>
@@ -81,7 +99,7 @@ template <typename R>
 void TableEntity<R>::_delAll() {
    // A reaction to one removal may remove others, or let the entity go.
    const Ptr<Platform::Node> held(this);
-   for (const Key& key : _safely(_names.del, [&] { return _table.keys(); })) {
+   for (const Key& key : _safely(_names.delAll, [&] { return _table.keys(); })) {
       _del(key);
    }
 }
@@ -95,15 +113,15 @@ void TableEntity<R>::_notify(const Key& key) {
 
 template <typename R>
 void TableEntity<R>::_notifyQuiesced(bool quiesced) {
-   // After the hand-over only the table knows the control.
-   if (CollectionControl* const control = _control ? _control.get() : _table.control()) {
+   // The table knows its control also after the hand-over, and when another entity has taken it.
+   if (CollectionControl* const control = _table.control()) {
       control->quiescedIs(quiesced);
    }
 }
 
 template <typename R>
 void TableEntity<R>::_notifyMountStatus() {
-   if (CollectionControl* const control = _control ? _control.get() : _table.control()) {
+   if (CollectionControl* const control = _table.control()) {
       control->mountStatusIs(_table.mountStatus());
    }
 }
@@ -113,20 +131,41 @@ void TableEntity<R>::_controlIs(const Ptr<CollectionControl>& control) {
    if (control == _control) {
       return;
    }
-   const Ptr<CollectionControl> previous = std::exchange(_control, control);
-   if (previous && previous->table() == &_table) {
-      previous->tableIs(nullptr);
+   // Both controls publish what they are told here, to who may let go of everything, or set yet
+   // another control.
+   const Ptr<Platform::Node> held(this);
+   const Ptr<CollectionControl> wanted(control);
+   const Ptr<CollectionControl> previous = std::exchange(_control, wanted);
+   const Ptr<CollectionControl> attached(_table.control());
+   if (wanted) {
+      if (attached && attached->entity() == held) {
+         attached->entityIs(nullptr); // the entity was left to it, and is taken back
+      }
+      _zeroReferencesNotifiee->notifierIs(this);
    }
-   if (control) {
-      control->tableIs(&_table);
+   std::exception_ptr first;
+   try {
+      if (wanted) {
+         wanted->tableIs(&_table);
+      } else if (attached) {
+         attached->tableIs(nullptr);
+      }
+   } catch (...) {
+      first = std::current_exception();
    }
    publish(_names.control);
+   if (first) {
+      std::rethrow_exception(first);
+   }
 }
 
 template <typename R>
 void TableEntity<R>::_handOver() noexcept {
    if (const Ptr<CollectionControl> control = std::exchange(_control, nullptr)) {
-      control->entityIs(Ptr<Platform::Node>(this));
+      // Another entity may have given it a table since.
+      if (control->table() == &_table) {
+         control->entityIs(Ptr<Platform::Node>(this));
+      }
    }
 }
 

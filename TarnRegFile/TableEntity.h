@@ -22,7 +22,8 @@ namespace TarnRegFile::Sable {
 /// operations their names.
 ///
 /// A write that meets damaged shared memory tells the table's corruption handling and then stops
-/// the process: a table that has seen corruption is never written again. Reading throws
+/// the process: a table that has seen corruption is never written again. So does a write after the
+/// damage was met in another way and the table's status says so. Reading throws
 /// Platform::Tables::CorruptionException and changes nothing.
 ///
 /// An entity, on the thread of the event loop that its table is mounted on.
@@ -48,11 +49,15 @@ protected:
       const char* is;
       const char* commit;
       const char* del;
+      const char* delAll;
       const char* notify;
    };
 
    TableEntity(const String& name, const char* className, const Names& names);
    ~TableEntity() override;
+
+   /// Says which of the entity's notifiees is to be told when nobody refers to the entity.
+   void _zeroReferencesNotifieeIs(Platform::ZeroReferencesNotifiee& notifiee);
 
    const Table& _tableOf() const noexcept { return _table; }
    Table& _tableOf() noexcept { return _table; }
@@ -78,6 +83,7 @@ protected:
 private:
    template <typename Write>
    auto _safely(const char* function, const Write& write);
+   [[noreturn]] void _stop(const char* function, const char* message) noexcept;
 
    // The table's events.
    void tableChanged(const Key& key) override { _notify(key); }
@@ -86,6 +92,8 @@ private:
 
    const char* const _className;
    const Names _names;
+   Platform::ZeroReferencesNotifiee* _zeroReferencesNotifiee = nullptr;
+   bool _stopping = false;
    Ptr<CollectionControl> _control;
    Platform::Metrics::Counter _isCount;
    Platform::Metrics::Counter _delCount;

@@ -1,5 +1,7 @@
 #include "platform/tables/CollectionControl.h"
 
+#include <exception>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -40,12 +42,18 @@ void CollectionControl::mount() {
 }
 
 void CollectionControl::unmount() {
+   // Whoever hears of the status may let the control go, detach it, unmount again, or leave the
+   // entity to it only now.
+   const Ptr<CollectionControl> held(this);
+   const Ptr<Node> entity = std::exchange(_entity, nullptr);
+   const auto release = [this](void*) { _entity = nullptr; };
+   const std::unique_ptr<void, decltype(release)> released(this, release);
    if (_table) {
       _table->unmount();
+   }
+   if (_table) {
       mountStatusIs(_table->mountStatus());
    }
-   // It may be what keeps the table, which detaches itself when it goes.
-   const Ptr<Node> gone = std::exchange(_entity, nullptr);
 }
 
 void CollectionControl::quiesceIs(bool quiesce) {
@@ -57,18 +65,38 @@ void CollectionControl::quiesceIs(bool quiesce) {
 }
 
 void CollectionControl::tableIs(TableBase* table) {
+   // Everything is in place before anybody is told, as who is told may attach and detach, or let
+   // go of what is seen here.
+   const Ptr<CollectionControl> held(this);
    if (_table) {
       _table->_control = nullptr;
    }
+   Ptr<CollectionControl> previous;
    if (table && table->_control) {
-      table->_control->tableIs(nullptr); // a table has one control
+      previous = Ptr<CollectionControl>(table->_control); // a table has one control
+      previous->_table = nullptr;
    }
    _table = table;
    if (table) {
       table->_control = this;
    }
-   mountStatusIs(table ? table->mountStatus() : MountStatus::unmounted);
-   quiescedIs(table && table->quiesced());
+   std::exception_ptr first;
+   if (previous) {
+      try {
+         previous->_follow();
+      } catch (...) {
+         first = std::current_exception();
+      }
+   }
+   _follow();
+   if (first) {
+      std::rethrow_exception(first);
+   }
+}
+
+void CollectionControl::_follow() {
+   mountStatusIs(_table ? _table->mountStatus() : MountStatus::unmounted);
+   quiescedIs(_table && _table->quiesced());
 }
 
 Ptr<CollectionControl> collectionControlFactory(TableService& service,

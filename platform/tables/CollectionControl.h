@@ -73,6 +73,9 @@ public:
    const Ptr<Node>& entity() const noexcept { return _entity; }
 
 private:
+   /// Says what the attached table says.
+   void _follow();
+
    TableService& _service;
    const TableBase::MountOptions _options;
    TableBase* _table = nullptr;

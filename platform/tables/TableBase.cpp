@@ -12,10 +12,13 @@
 #include "platform/tables/CollectionControl.h"
 #include "platform/tables/private/SharedWords.h"
 #include "platform/tables/TableService.h"
+#include "platform/trace/Trace.h"
 
 namespace Platform::Tables {
 
 namespace {
+
+TARN_TRACE_SOURCE(traceSource, "platform/tables");
 
 constexpr const char* notMounted = "shared table '{}' is not mounted";
 
@@ -147,7 +150,14 @@ TableBase::~TableBase() {
       _changes->stop();
    }
    if (_control) {
-      _control->tableIs(nullptr);
+      try {
+         _control->tableIs(nullptr);
+      } catch (const std::exception& failure) {
+         // Of somebody who was told that the table is gone; there is nobody to pass it to.
+         TARN_TRACE(traceSource, 1, "~TableBase", "table '{}': {}", _name, failure.what());
+      } catch (...) {
+         TARN_TRACE(traceSource, 1, "~TableBase", "table '{}': unknown exception", _name);
+      }
    }
 }
 
@@ -168,9 +178,7 @@ void TableBase::mount(TableService& service, const MountOptions& options) {
    } catch (const CorruptionException& corruption) {
       _mount.reset();
       _service = nullptr;
-      const String name = _name; // who is told of the status may destroy this
-      _statusIs(MountStatus::corrupted, corruption.what());
-      service.handleCorruption(name, corruption.what());
+      _corruptedIs(&service, corruption.what());
       throw;
    } catch (const std::exception& failure) {
       _mount.reset();
@@ -206,13 +214,8 @@ void TableBase::quiescedIs(bool quiesced) {
 }
 
 void TableBase::handleCorruption(const String& message) {
-   const TableService* const service = _service;
-   const String name = _name; // who is told of the status may destroy this
    if (_mount) {
-      _statusIs(MountStatus::corrupted, message);
-   }
-   if (service) {
-      service->handleCorruption(name, message);
+      _corruptedIs(_service, message);
    }
 }
 
@@ -252,6 +255,21 @@ std::vector<std::vector<std::uint8_t>> TableBase::_keys() const {
       keys.emplace_back(bytes.begin(), bytes.end());
    }
    return keys;
+}
+
+// The program hears of it even if somebody who hears of the status throws, or lets the table go.
+void TableBase::_corruptedIs(const TableService* service, const String& message) {
+   const String name = _name;
+   std::exception_ptr first;
+   try {
+      _statusIs(MountStatus::corrupted, message);
+   } catch (...) {
+      first = std::current_exception();
+   }
+   service->handleCorruption(name, message);
+   if (first) {
+      std::rethrow_exception(first);
+   }
 }
 
 void TableBase::_statusIs(MountStatus status, const String& text) {

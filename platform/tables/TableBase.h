@@ -116,6 +116,7 @@ private:
    class Changes;
 
    void _statusIs(MountStatus status, const String& text);
+   void _corruptedIs(const TableService* service, const String& message);
 
    const String _name;
    const TableShape _shape;
