@@ -1,6 +1,7 @@
 """The example programs, the sample device, and the demo that shows them."""
 
 import os
+import re
 import subprocess
 import tempfile
 import unittest
@@ -66,6 +67,77 @@ class Examples(TarnregTest):
         self.program("observe_results", BOARD)
         self.program("model_in_code")
         self.assertEqual(os.listdir(self.dir), [])
+
+
+class ShadowTable(TarnregTest):
+    def setUp(self):
+        super().setUp()
+        self.program = os.path.join(EXAMPLES, "shadow_table")
+        self.env = environment(TARN_TABLE_DIR=os.path.join(self.dir, "tables"))
+
+    def write(self, *wishes):
+        done = subprocess.run(
+            [self.program, "writer", *wishes], env=self.env, text=True, timeout=TIMEOUT,
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        )
+        return done.returncode, done.stdout, done.stderr
+
+    def reader(self):
+        return subprocess.Popen(
+            [self.program, "reader"], env=self.env, text=True, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        )
+
+    def end(self, reader):
+        reader.terminate()
+        out, err = reader.communicate(timeout=TIMEOUT)
+        self.assertEqual((reader.returncode, out, err), (0, "", ""))
+
+    def test_the_reader_is_told_what_writers_write(self):
+        with self.reader() as reader:
+            try:
+                self.assertEqual(reader.stdout.readline(), "0 registers; following changes\n")
+                self.assertEqual(self.write("0x10=5", "0x14=7"), (0, "", ""))
+                self.assertEqual(reader.stdout.readline(), "0x10 = 0x5\n")
+                self.assertEqual(reader.stdout.readline(), "0x14 = 0x7\n")
+                self.assertEqual(self.write("0x14="), (0, "", ""))
+                self.assertEqual(reader.stdout.readline(), "0x14 is gone\n")
+                self.end(reader)
+            finally:
+                reader.kill()
+
+    def test_the_reader_finds_what_was_written_before(self):
+        self.assertEqual(self.write("0x10=5"), (0, "", ""))
+        with self.reader() as reader:
+            try:
+                self.assertEqual(reader.stdout.readline(), "0x10 = 0x5\n")
+                self.assertEqual(reader.stdout.readline(), "1 registers; following changes\n")
+                self.end(reader)
+            finally:
+                reader.kill()
+
+    def test_mistakes_are_told(self):
+        for arguments in ((), ("writer",), ("reader", "0x10"), ("other",)):
+            done = subprocess.run(
+                [self.program, *arguments], env=self.env, text=True, timeout=TIMEOUT,
+                stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+            )
+            self.assertEqual((done.returncode, done.stdout), (2, ""))
+            self.assertIn("usage: ", done.stderr)
+        self.assertEqual(os.listdir(self.dir), [])
+        self.assertEqual(self.write("0x10"), (1, "", "no ADDRESS=VALUE: 0x10\n"))
+        self.assertEqual(
+            self.write("0x10=0x100000000"), (1, "", "no number of 32 bits: 0x100000000\n")
+        )
+
+    def test_the_page_shows_what_the_program_does(self):
+        with open(os.path.join(SOURCE, "docs", "shadow-tables.md"), encoding="utf-8") as page:
+            blocks = re.findall(r"```cpp\n(.*?)```", page.read(), re.DOTALL)
+        with open(os.path.join(SOURCE, "examples", "shadow_table.cpp"), encoding="utf-8") as code:
+            lines = " ".join(code.read().split())
+        self.assertEqual(len(blocks), 3)
+        for block in blocks:
+            self.assertIn(" ".join(block.split()), lines)
 
 
 class SampleDevice(TarnregTest):
