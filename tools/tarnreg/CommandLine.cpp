@@ -20,6 +20,7 @@
 #include "tools/tarnreg/Options.h"
 #include "tools/tarnreg/Printable.h"
 #include "tools/tarnreg/SavedDump.h"
+#include "tools/tarnreg/TableVerbs.h"
 #include "tools/tarnreg/ValuesFile.h"
 #include "tools/tarnreg/Verbs.h"
 
@@ -50,6 +51,12 @@ struct Arguments {
    std::string type;
    std::string operation;
    std::vector<std::string> operands;
+   std::string tableDirectory;
+   std::string table;
+   std::vector<std::string> tables;
+   bool tableForce = false;
+   std::uint64_t tableCount = 0;
+   double tableTimeout = 0;
 };
 
 /// Turns one of these words into its number, as the options' enumerations are parsed.
@@ -122,8 +129,12 @@ public:
 private:
    void _globalOptions();
    void _verbs();
+   void _tableVerbs();
    CLI::App* _verb(const char* name, const char* list, const char* help,
                    std::function<void(Report&)> action);
+   CLI::App* _subVerb(CLI::App& parent, const char* name, const char* list, const char* help,
+                      std::function<void(Report&)> action);
+   Platform::Tables::TableDirectory _tableDirectory() const;
    static CLI::Option* _words(CLI::App& verb, const char* name, std::vector<std::string>& words,
                               const char* help);
    void _diff(Report& report);
@@ -168,7 +179,8 @@ Command::Command()
       "\n"
       "A name that begins with a dash stands behind --. Environment: REG_VALUES_FILE (the\n"
       "values file of mock:), NM_SOCKET_DIR and NM_SOCKET_FILE (the socket of smbus:),\n"
-      "TARN_BOARD (board file), TARN_TRACE (levels by source), NO_COLOR.");
+      "TARN_BOARD (board file), TARN_TABLE_DIR (shared tables), TARN_TRACE (levels by\n"
+      "source), NO_COLOR.");
    _app.require_subcommand(1);
    _app.fallthrough();
    _app.set_version_flag("--version", std::string("tarnreg ") + TARNREG_VERSION);
@@ -221,9 +233,15 @@ void Command::_globalOptions() {
 
 CLI::App* Command::_verb(const char* name, const char* list, const char* help,
                          std::function<void(Report&)> action) {
-   CLI::App* verb = _app.add_subcommand(name, help);
-   verb->callback([this, name, list, action = std::move(action)] {
-      _verbName = name;
+   return _subVerb(_app, name, list, help, std::move(action));
+}
+
+CLI::App* Command::_subVerb(CLI::App& parent, const char* name, const char* list, const char* help,
+                            std::function<void(Report&)> action) {
+   CLI::App* verb = parent.add_subcommand(name, help);
+   const std::string full = &parent == &_app ? name : parent.get_name() + " " + name;
+   verb->callback([this, full, list, action = std::move(action)] {
+      _verbName = full;
       _listName = list;
       _action = action;
    });
@@ -363,6 +381,63 @@ void Command::_verbs() {
       ->transform(unguarded());
    _words(*call, "ARGUMENT", _arguments.operands, "The operation's arguments, in order");
    _accessTimeout(*call);
+
+   _tableVerbs();
+}
+
+void Command::_tableVerbs() {
+   CLI::App* table = _app.add_subcommand("table", "Look at the shared tables of this machine");
+   table->require_subcommand(1);
+   table->fallthrough();
+   table
+      ->add_option("--dir", _arguments.tableDirectory,
+                   "Where they are; else what TARN_TABLE_DIR says, else /dev/shm/tarn")
+      ->option_text("DIRECTORY")
+      ->transform(unguarded());
+   const auto named = [&](CLI::App* verb) {
+      verb->add_option("TABLE", _arguments.table, "The table's name")
+         ->required()
+         ->transform(unguarded());
+      return verb;
+   };
+   _subVerb(*table, "list", "tables", "List the tables: what they hold, who has them mounted",
+            [this](Report& report) { listTables(_tableDirectory(), report); });
+   named(_subVerb(
+      *table, "describe", "facts", "Say all that is known of a table",
+      [this](Report& report) { describeTable(_tableDirectory(), _arguments.table, report); }));
+   named(
+      _subVerb(*table, "dump", "records", "Print every record of a table",
+               [this](Report& report) { dumpTable(_tableDirectory(), _arguments.table, report); }));
+   CLI::App* watch =
+      named(_subVerb(*table, "watch", "changes", "Print the changes of a table as they come",
+                     [this](Report& report) {
+                        TableWatchOptions options{.count = _arguments.tableCount};
+                        if (_arguments.tableTimeout > 0) {
+                           options.timeout = seconds(_arguments.tableTimeout);
+                        }
+                        watchTable(_tableDirectory(), _arguments.table, options, report);
+                     }));
+   watch->add_option("--count", _arguments.tableCount, "Changes; without it until interrupted")
+      ->option_text("N")
+      ->check(CLI::PositiveNumber);
+   _seconds(*watch, "--timeout", _arguments.tableTimeout,
+            "Seconds until it is given up, exit code 6");
+   CLI::App* audit =
+      _subVerb(*table, "audit", "tables", "Look through tables for damage", [this](Report& report) {
+         auditTables(_tableDirectory(), _arguments.tables, report);
+      });
+   _words(*audit, "TABLE", _arguments.tables, "The tables' names; without any, all of them");
+   CLI::App* remove = named(_subVerb(
+      *table, "remove", "tables", "Remove a table and all that it holds", [this](Report& report) {
+         removeTable(_tableDirectory(), _arguments.table, _arguments.tableForce, report);
+      }));
+   remove->add_flag("--force", _arguments.tableForce, "Also one that is mounted");
+}
+
+Platform::Tables::TableDirectory Command::_tableDirectory() const {
+   using Platform::Tables::TableDirectory;
+   return _arguments.tableDirectory.empty() ? TableDirectory()
+                                            : TableDirectory(_arguments.tableDirectory);
 }
 
 void Command::_diff(Report& report) {
