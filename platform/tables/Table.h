@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/entity/Errors.h"
 #include "platform/tables/TableBase.h"
 
 namespace Platform::Tables {
@@ -177,13 +178,17 @@ private:
    R _record(RecordWords& words, std::size_t size) const {
       auto* const bytes = reinterpret_cast<std::uint8_t*>(words.data());
       std::fill(bytes + size, bytes + sizeof words, std::uint8_t{0});
-      if (R::deserializeLen(bytes, size) == 0) {
-         throw CorruptionException("shared table '" + name() + "' is corrupted: a record is no " +
-                                   String(R::valueTypeName()));
-      }
       R record;
-      record.deserialize(bytes, size);
-      return record;
+      try {
+         if (R::deserializeLen(bytes, size) != 0) {
+            record.deserialize(bytes, size);
+            return record;
+         }
+      } catch (const RangeError&) {
+         // Its lengths are possible, but not within these bytes.
+      }
+      throw CorruptionException("shared table '" + name() + "' is corrupted: a record is no " +
+                                String(R::valueTypeName()));
    }
 
    void _checkDirect(const R* record) const {

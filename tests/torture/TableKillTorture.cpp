@@ -193,9 +193,16 @@ int main(int argc, char** argv) {
          child([&, i, seed] { i % 2 ? readAlong(tables, *board, seed) : follow(tables, *board); }));
    }
    pid_t pids[writers] = {};
+   std::uint64_t elsewhere = 0;
    const auto start = [&](unsigned writer) {
       const std::uint32_t seed = random();
-      pids[writer] = child([&, writer, seed] { write(tables, writer, *board, seed); });
+      const auto work = [&, writer, seed] { write(tables, writer, *board, seed); };
+      // Every second time as in a container, all of whose writers are called process 1.
+      pids[writer] = random() % 2 ? childInNamespace(work) : -1;
+      elsewhere += pids[writer] > 0;
+      if (pids[writer] < 0) {
+         pids[writer] = child(work);
+      }
    };
    for (unsigned i = 0; i < writers; ++i) {
       start(i);

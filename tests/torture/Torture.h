@@ -1,7 +1,9 @@
 #pragma once
 
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -147,6 +149,26 @@ inline pid_t child(const std::function<void()>& work) {
    check(pid >= 0, "fork");
    if (pid == 0) {
       ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+      try {
+         work();
+      } catch (const std::exception& error) {
+         fail(std::string("a process met: ") + error.what());
+      }
+      std::fflush(nullptr);
+      ::_exit(0);
+   }
+   return pid;
+}
+
+/// The same in a process namespace of its own, where it has number 1 whatever others have; as in a
+/// container. -1 where that is not permitted.
+inline pid_t childInNamespace(const std::function<void()>& work) {
+   std::fflush(nullptr);
+   const unsigned long flags = CLONE_NEWUSER | CLONE_NEWPID | SIGCHLD;
+   const auto pid = static_cast<pid_t>(::syscall(SYS_clone, flags, nullptr, nullptr, nullptr, 0UL));
+   if (pid == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+      check(::getpid() == 1, "a namespace in which there is somebody else");
       try {
          work();
       } catch (const std::exception& error) {

@@ -421,7 +421,7 @@ void Command::_tableVerbs() {
       ->option_text("N")
       ->check(CLI::PositiveNumber);
    _seconds(*watch, "--timeout", _arguments.tableTimeout,
-            "Seconds until it is given up, exit code 6");
+            "Seconds until it ends; with --count, exit code 6 then");
    CLI::App* audit =
       _subVerb(*table, "audit", "tables", "Look through tables for damage", [this](Report& report) {
          auditTables(_tableDirectory(), _arguments.tables, report);

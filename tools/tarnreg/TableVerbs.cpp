@@ -271,7 +271,7 @@ void watchTable(const TableDirectory& directory, const std::string& name,
          // As long as it takes; a signal ends it.
          while (!loop.runUntil(isEnough, std::chrono::hours(1))) {
          }
-      } else if (!loop.runUntil(isEnough, *options.timeout)) {
+      } else if (!loop.runUntil(isEnough, *options.timeout) && options.count != 0) {
          throw Failure(ExitCode::timeout,
                        fmt::format("{} of {} changes came in time", seen, options.count));
       }

@@ -30,8 +30,8 @@ struct TableWatchOptions {
    std::optional<Pace::Clock::duration> timeout = {}; ///< for all of them; none: no end
 };
 
-/// Prints the changes of a table as they come, until there were `count` or the process is
-/// interrupted. Throws Failure (timeout) when they did not come in time.
+/// Prints the changes of a table as they come, until there were `count`, or the time is over, or
+/// the process is interrupted. Throws Failure (timeout) when `count` did not come in time.
 void watchTable(const Platform::Tables::TableDirectory& directory, const std::string& name,
                 const TableWatchOptions& options, Report& report);
 

@@ -22,7 +22,8 @@ TIMEOUT = 100
 def environment(**changes):
     """The caller's environment without what the command looks at, and with `changes`."""
     env = dict(os.environ)
-    for name in ("REG_VALUES_FILE", "TARN_BOARD", "TARN_TRACE", "NO_COLOR"):
+    for name in ("REG_VALUES_FILE", "TARN_BOARD", "TARN_TABLE_DIR", "TARN_TRACE",
+                 "NO_COLOR"):
         env.pop(name, None)
     env.update(changes)
     return env
