@@ -75,12 +75,9 @@ void Report::value(const TarnRegFile::HardwareRegister& record, std::uint32_t va
       element = registerJson(record);
       element["value"] = value;
    }
-   row(fmt::format("{:<{}}  {}", shownName(record.name), _nameWidth,
-                   formatNumber(value, record.width, _base)),
-       std::move(element));
-   if (!_json) {
-      _console.data().flush();
-   }
+   event(fmt::format("{:<{}}  {}", shownName(record.name), _nameWidth,
+                     formatNumber(value, record.width, _base)),
+         std::move(element));
 }
 
 void Report::difference(const TarnRegFile::HardwareRegister& record, std::uint32_t value,
@@ -109,6 +106,13 @@ void Report::row(const std::string& line, nlohmann::ordered_json element) {
       _document[_list].push_back(std::move(element));
    } else {
       _console.data() << line << '\n';
+   }
+}
+
+void Report::event(const std::string& line, nlohmann::ordered_json element) {
+   row(line, std::move(element));
+   if (!_json) {
+      _console.data().flush();
    }
 }
 

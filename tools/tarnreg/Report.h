@@ -38,6 +38,9 @@ public:
    /// One line of data, or one element of the document's array of results.
    void row(const std::string& line, nlohmann::ordered_json element);
 
+   /// The same for what happened just now: a line is out at once.
+   void event(const std::string& line, nlohmann::ordered_json element);
+
    /// A member of the document beside the results.
    void property(const std::string& key, nlohmann::ordered_json value);
 

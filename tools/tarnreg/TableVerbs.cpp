@@ -226,6 +226,10 @@ void dumpTable(const TableDirectory& directory, const std::string& name, Report&
 
 void watchTable(const TableDirectory& directory, const std::string& name,
                 const TableWatchOptions& options, Report& report) {
+   if (report.json() && options.count == 0 && !options.timeout) {
+      throw Failure(ExitCode::usage, "--json prints one document at the end: give it one with "
+                                     "--count or --timeout");
+   }
    onTable(name, [&] {
       View view(directory, name);
       Platform::EventLoop loop;
@@ -237,11 +241,11 @@ void watchTable(const TableDirectory& directory, const std::string& name,
          const std::string key = view.text().key(view.key());
          ++seen;
          if (record) {
-            report.row(fmt::format("{}  {}", key, view.text().record(*record)),
-                       joined(view.text().keyJson(view.key()), view.text().recordJson(*record)));
+            report.event(fmt::format("{}  {}", key, view.text().record(*record)),
+                         joined(view.text().keyJson(view.key()), view.text().recordJson(*record)));
          } else {
-            report.row(fmt::format("{}  removed", key),
-                       joined(view.text().keyJson(view.key()), {{"removed", true}}));
+            report.event(fmt::format("{}  removed", key),
+                         joined(view.text().keyJson(view.key()), {{"removed", true}}));
          }
       };
       const auto look = [&](bool closed) {

@@ -114,6 +114,13 @@ class Tables(unittest.TestCase):
         self.assertEqual(out, "0x8  0x9\n0x4  removed\n")
         self.assertEqual(watching.returncode, 0)
 
+    def test_a_document_needs_an_end(self):
+        self.writer("t")
+        code, out, _ = self.table("watch", "t", "--json")
+        self.assertEqual(code, 2)
+        code, out, _ = self.table("watch", "t", "--json", "--timeout", "0.1")
+        self.assertEqual((code, json.loads(out).get("changes", [])), (0, []))
+
     def test_a_watch_ends_when_its_time_is_over(self):
         self.writer("t")
         self.assertEqual(self.table("watch", "t", "--timeout", "0.1"), (0, "", ""))
@@ -142,7 +149,7 @@ class Tables(unittest.TestCase):
         self.assertIn("damaged: a counter of the table fails its check", err)
         code, out, err = self.table("list")
         self.assertEqual(code, 1)
-        self.assertIn("whole  1 record of", out)
+        self.assertIn("whole    1 record of", out)
         self.assertIn("shared table 'damaged' is corrupted", err)
         with open(os.path.join(self.dir, "foreign.tbl"), "wb") as file:
             file.write(b"something else")
@@ -154,7 +161,8 @@ class Tables(unittest.TestCase):
         process = self.writer("t")
         code, out, err = self.table("remove", "t")
         self.assertEqual((code, out, err),
-                         (4, "", "tarnreg: error: the shared table 't' is mounted\n"))
+                         (4, "", "tarnreg: error: the shared table 't' is mounted: Device or resource "
+                          "busy\n"))
         process.kill()
         process.wait(TIMEOUT)
         self.assertEqual(self.table("remove", "t"), (0, "removed t\n", ""))
