@@ -3,7 +3,7 @@
 
 # Processes at a time, of compilers and of tests.
 JOBS ?= 2
-# How long `make fuzz` runs each fuzzer.
+# How long `make fuzz` runs each fuzzer, and `make torture` each of its programs.
 SECONDS ?= 60
 
 export CMAKE_BUILD_PARALLEL_LEVEL := $(JOBS)
@@ -14,7 +14,7 @@ UNSHUFFLED := $(shell setarch -R true 2>/dev/null && echo setarch -R)
 
 .NOTPARALLEL:
 .DEFAULT_GOAL := help
-.PHONY: help packages build test demo release asan tsan coverage fuzz bench format format-check \
+.PHONY: help packages build test demo release asan tsan coverage fuzz torture bench format format-check \
         tidy include-check clean
 
 help: ## List the actions
@@ -65,6 +65,12 @@ coverage: ## Run all tests and report which lines they reach (needs gcovr for th
 
 fuzz: ## Run each fuzzer for SECONDS=60, from its kept inputs
 	scripts/run-fuzzers $(SECONDS)
+
+torture: ## Kill, step through and starve what has to survive it, SECONDS=60 for each program
+	cmake --preset release
+	cmake --build --preset release --target tests/torture/all
+	@for program in build/release/bin/torture_*; do \
+	   echo "-- $$program"; $$program --seconds $(SECONDS) || exit 1; done
 
 bench: ## Build what is shipped; print each figure beside its baseline and its target
 	cmake --preset release

@@ -6,8 +6,8 @@
 
 #include <fmt/format.h>
 
-#include "platform/entity/Errors.h"
 #include "platform/entity/BusErrorGuard.h"
+#include "platform/entity/Errors.h"
 #include "platform/hardware/SigbusException.h"
 #include "platform/trace/Trace.h"
 

@@ -9,9 +9,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/entity/BusErrorGuard.h"
 #include "platform/entity/Errors.h"
 #include "platform/entity/TypeBuilder.h"
-#include "platform/entity/BusErrorGuard.h"
 #include "platform/hardware/SigbusException.h"
 
 namespace Hardware {

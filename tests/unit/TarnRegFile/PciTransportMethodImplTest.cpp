@@ -30,10 +30,10 @@
 
 namespace {
 
-using Platform::BusErrorGuard;
 using Hardware::HwAccess;
 using Hardware::HwAccessImpl;
 using Hardware::SigbusException;
+using Platform::BusErrorGuard;
 using Platform::Trace::CaptureScope;
 using Platform::Trace::CaptureSink;
 using TarnRegFile::Bytes;

@@ -18,8 +18,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/entity/TypeData.h"
 #include "platform/entity/BusErrorGuard.h"
+#include "platform/entity/TypeData.h"
 #include "platform/hardware/SigbusException.h"
 #include "tests/support/ChangeLog.h"
 #include "tests/support/Failure.h"
@@ -30,10 +30,10 @@
 
 namespace {
 
-using Platform::BusErrorGuard;
 using Hardware::PciHwAccessImpl;
 using Hardware::pciHwAccessImplFactory;
 using Hardware::SigbusException;
+using Platform::BusErrorGuard;
 using Platform::Ptr;
 using testing::Each;
 using testing::ElementsAre;
