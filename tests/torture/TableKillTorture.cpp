@@ -245,6 +245,8 @@ int main(int argc, char** argv) {
    }
    const TableMount last(tables, "table", Torture::writer());
    checkAudit(last, "at the end");
+   std::printf("%llu of the writers were in process namespaces of their own\n",
+               static_cast<unsigned long long>(elsewhere));
    std::printf(
       "%llu kills (%llu times all writers), %llu changes, %llu reads beside them, %llu "
       "changes told, %llu times through the table, %llu recoveries: none torn, none lost\n",
