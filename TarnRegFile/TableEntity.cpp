@@ -45,12 +45,17 @@ template <typename R>
 template <typename Write>
 auto TableEntity<R>::_safely(const char* function, const Write& write) {
    try {
-      if (_table.mountStatus() == Platform::Tables::MountStatus::corrupted && _table.tableMount())
-         [[unlikely]] {
-         throw Platform::Tables::CorruptionException(_table.statusText());
+      if (_table.mountStatus() == Platform::Tables::MountStatus::corrupted) [[unlikely]] {
+         // Whoever may not write in any case is refused by the service, as ever.
+         if (_table.role() == Platform::Tables::TableRole::writer && !_table.quiesced()) {
+            throw Platform::Tables::CorruptionException(_table.statusText());
+         }
       }
       return write();
    } catch (const Platform::Tables::CorruptionException& corruption) {
+      if (_table.role() == Platform::Tables::TableRole::reader) {
+         throw; // it has only looked
+      }
       _stop(function, corruption.what());
    }
 }

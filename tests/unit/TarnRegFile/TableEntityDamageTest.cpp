@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
 
 #include "tests/unit/TarnRegFile/RegisterTables.h"
 
@@ -250,6 +251,8 @@ TYPED_TEST(TableEntityDamage, WhoFollowsDamagedChangesHearsOfItOnceAndTheLoopGoe
    EXPECT_TRUE(this->side.until([&] { return isCorrupted(reading); }));
    EXPECT_FALSE(isCorrupted(writing)); // which does not read of its own changes
    EXPECT_EQ(reported, std::vector<std::string>{"table"});
+   EXPECT_THROW(reading.is(7, 71), std::system_error); // a reader's, as always
+   EXPECT_THROW(call<TypeParam::delAll>(*reading.entity), CorruptionException);
    EXPECT_EQ(log.changes, Changes());
 
    intact.is(8, 80);
