@@ -75,7 +75,8 @@ protected:
                        const std::optional<Bytes>& expected) {
       return size.has_value() == expected.has_value() &&
              (!size || (*size == expected->size() &&
-                        std::memcmp(record.data(), expected->data(), *size) == 0));
+                        std::equal(expected->begin(), expected->end(),
+                                   reinterpret_cast<const std::uint8_t*>(record.data()))));
    }
 
    enum class Result { right, damaged, wrong };
