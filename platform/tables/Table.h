@@ -96,8 +96,11 @@ public:
    void put(const R& record) {
       RecordWords words;
       auto* const bytes = reinterpret_cast<std::uint8_t*>(words.data());
-      record.serialize(bytes);
-      _put(_bytesOf(record.key()), {bytes, record.serializeLen()});
+      const std::size_t size = record.serializeLen();
+      if (size <= R::maxSerializedLen) {
+         record.serialize(bytes);
+      } // else there is no room for it, and it is refused unread
+      _put(_bytesOf(record.key()), {bytes, size});
    }
 
    /// Removes a record and returns it.

@@ -1,6 +1,6 @@
 // What a mount is told of the changes that others make.
 
-#include <poll.h>
+#include <fcntl.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
@@ -185,6 +185,34 @@ TEST_F(TableMountChanges, RingForMountsBeyondThoseThatHaveABitOfTheirOwn) {
          ASSERT_TRUE(listener.heard()) << sleeper << " " << writing;
       }
    }
+}
+
+TEST_F(TableMountChanges, ThatADeadWriterCommittedAreToldBeforeAndAfterTheyArePublished) {
+   TableMount writing(directory, "table", writer());
+   TableMount reading(directory, "table", reader());
+   TableMount other(directory, "table", writer());
+   Words key(reading.keyWords());
+   EXPECT_FALSE(reading.preparedChange(key));
+   const int fd = ::open(file("table.tbl").c_str(), O_RDWR);
+   // As it is left by a writer that dies after its commit.
+   std::uint64_t head = 0;
+   const std::uint32_t dead = 900U << 21 | 5;
+   ASSERT_EQ(::pread(fd, &head, sizeof head, 4096 + 128), 8);
+   writing.put(bytes(7), bytes(1));
+   ASSERT_EQ(::pwrite(fd, &head, sizeof head, 4096 + 128), 8);
+   ASSERT_EQ(::pwrite(fd, &dead, sizeof dead, 4096), 4);
+   ::close(fd);
+
+   EXPECT_EQ(changes(reading), "");
+   EXPECT_EQ(get(reading, 7), bytes(1));
+   EXPECT_TRUE(reading.preparedChange(key));
+   EXPECT_EQ(number(key), 7U);
+   other.put(bytes(8), bytes(1));
+   EXPECT_EQ(changes(reading), "7 8");
+   EXPECT_EQ(changes(other), "7");
+   EXPECT_FALSE(reading.preparedChange(key));
+   EXPECT_EQ(other.audit().recoveries, 1U);
+   EXPECT_EQ(other.audit().problems, std::vector<std::string>());
 }
 
 TEST_F(TableMountChanges, ThatWereRefusedAreNotTold) {

@@ -60,6 +60,13 @@ TEST_F(TypedTable, KeepsRecordsOfVaryingLength) {
    EXPECT_EQ(table.size(), 1U);
 }
 
+TEST_F(TypedTable, RefusesARecordThatIsLongerThanItsTypeSays) {
+   texts.table->mount(service, writes());
+   EXPECT_EQ(errorOf([&] { texts.table->put({.itsKey = {1}, .text = std::string(200, 'x')}); }),
+             "22 generic: a record of shared table 'texts' has up to 55 bytes, not 205");
+   EXPECT_EQ(texts.table->size(), 0U);
+}
+
 TEST_F(TypedTable, IsForItsTypesOnly) {
    owner.table->mount(service, writes());
    TextOwner other("numbers");
