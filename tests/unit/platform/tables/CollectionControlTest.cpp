@@ -2,6 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
+#include <functional>
+#include <utility>
+
 #include "platform/entity/EventLoop.h"
 #include "platform/entity/TypeData.h"
 #include "platform/tables/TableService.h"
@@ -26,11 +30,16 @@ public:
    }
 
    Ptr<CollectionControl> control;
+   std::function<void()> onChange;
    Table<NumberRecord> table;
    static inline int destroyed = 0;
 
 private:
-   void tableChanged(const NumberKey&) override {}
+   void tableChanged(const NumberKey&) override {
+      if (onChange) {
+         onChange();
+      }
+   }
    void tableMountStatusChanged() override {
       if (control) {
          control->mountStatusIs(table.mountStatus());
@@ -212,6 +221,49 @@ TEST_F(Control, MayBeLetGoByWhoHearsOfItsStatus) {
    held->mount();
    EXPECT_FALSE(control);
    EXPECT_EQ(entity->table.mountStatus(), MountStatus::mounted);
+}
+
+// It went on with itself after it had gone.
+TEST_F(Control, MayBeLetGoByWhoHearsThatItUnmounts) {
+   Ptr<CollectionControl> control = make();
+   attach(control);
+   control->mount();
+   const TestSupport::ChangeLog log(*control, [&] {
+      entity->control = nullptr;
+      control = nullptr;
+   });
+   control->unmount();
+   EXPECT_FALSE(control);
+   EXPECT_EQ(entity->table.tableMount(), nullptr);
+}
+
+TEST_F(Control, MayUnmountOrGoWhenItsTableChanges) {
+   TableMount other(
+      directory, "numbers",
+      {.role = TableRole::writer, .shape = Table<NumberRecord>::tableShape(), .create = true});
+   Ptr<CollectionControl> control = make();
+   attach(control);
+   control->mount();
+   loop.poll();
+   other.put(bytes(1), Bytes(12));
+   entity->onChange = [&] { control->unmount(); };
+   EXPECT_TRUE(loop.runUntil([&] { return !entity->table.tableMount(); }, std::chrono::minutes(1)));
+
+   // And the entity with it.
+   control->mount();
+   loop.poll();
+   other.put(bytes(1), Bytes(12));
+   entity->onChange = [&] {
+      const auto held = std::move(entity->onChange); // what runs here outlives its owner
+      entity->control = nullptr;
+      control->entityIs(entity);
+      entity = nullptr;
+      control = nullptr;
+   };
+   EXPECT_TRUE(loop.runUntil([&] { return !entity; }, std::chrono::minutes(1)));
+   EXPECT_EQ(Entity::destroyed, 1);
+   EXPECT_EQ(other.mounts().size(), 1U);
+   loop.run();
 }
 
 TEST_F(Control, CanBeUsedByName) {
