@@ -249,7 +249,7 @@ void stepThrough(const Operation& operation, std::chrono::steady_clock::time_poi
    const std::size_t last = images.size() - 1;
    const std::size_t which[] = {last / 2, 0, last, last / 4, last - last / 4};
    for (std::size_t i = 0; i < std::size(which); ++i) {
-      if (i == 0 || std::chrono::steady_clock::now() < deadline) {
+      if ((i == 0 && operation.others <= 64) || std::chrono::steady_clock::now() < deadline) {
          stepThroughRecovery(operation, before, images[which[i]], changesBefore, counts);
       }
    }
