@@ -77,14 +77,14 @@ void SableCoreBase::registerDescDel(const String& name) {
    if (found == places.end()) {
       return;
    }
-   const String held = name; // may be the entry's own
    const std::size_t place = found->second;
+   const String removed = std::move(inOrder[place].first); // `name` may be this one
    places.erase(found);
    inOrder.erase(inOrder.begin() + static_cast<std::ptrdiff_t>(place));
    for (std::size_t i = place; i < inOrder.size(); ++i) {
       places[inOrder[i].first] = i;
    }
-   publish(registerDescAttr, held);
+   publish(registerDescAttr, removed);
 }
 
 std::size_t SableCoreBase::registerDescs() const noexcept {
