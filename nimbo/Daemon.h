@@ -3,11 +3,11 @@
 #include <memory>
 #include <vector>
 
+#include "board/ServiceNotifier.h"
 #include "board/SimulatedI2cBuses.h"
 #include "nimbo/ConfigSource.h"
 #include "nimbo/ListeningSocket.h"
 #include "nimbo/Server.h"
-#include "nimbo/ServiceNotifier.h"
 #include "nimbo/StatusDocument.h"
 #include "nimbo/StatusSocket.h"
 #include "platform/entity/EventLoop.h"
@@ -54,7 +54,7 @@ private:
    Board::SimulatedI2cBuses _simulated;
 
    Platform::Metrics::Registry _metrics;
-   ServiceNotifier _notifier;
+   Board::ServiceNotifier _notifier;
    std::unique_ptr<ListeningSocket> _socket;
    Server _server;
    StatusDocument _statusDocument;

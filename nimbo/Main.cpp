@@ -16,7 +16,7 @@ namespace {
 using Nimbo::ExitCode;
 
 /// What a daemon says unasked: when it starts and ends, and what fails.
-constexpr const char* usualLevels = "nimbo/*=1";
+constexpr const char* usualLevels = "nimbo/*=1,board/*=1";
 
 int code(ExitCode exitCode) {
    return static_cast<int>(exitCode);

@@ -1,8 +1,11 @@
 #pragma once
 
-namespace Nimbo {
+#include <chrono>
+#include <optional>
 
-/// Tells the service manager how far the daemon is, if a service manager started it
+namespace Board {
+
+/// Tells the service manager how far a daemon is, if a service manager started it
 /// (Type=notify or notify-reload). Otherwise does nothing.
 ///
 /// Owned by the program, on one thread. Throws nothing; what cannot be told is traced.
@@ -16,6 +19,13 @@ public:
 
    /// The daemon is on its way out.
    void stopping() const noexcept;
+
+   /// How long the service manager waits for alive() before it takes the daemon for stuck; none if
+   /// it does not watch this process.
+   [[nodiscard]] static std::optional<std::chrono::microseconds> watchdogInterval() noexcept;
+
+   /// The daemon still does its work.
+   void alive() const noexcept;
 };
 
-} // namespace Nimbo
+} // namespace Board

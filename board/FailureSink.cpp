@@ -1,10 +1,10 @@
-#include "tools/tarnreg/FailureSink.h"
+#include "board/FailureSink.h"
 
 #include <utility>
 
 #include <fmt/format.h>
 
-namespace TarnReg {
+namespace Board {
 
 void FailureSink::write(const Platform::Trace::Record& record) {
    if (record.source == "TarnRegFile/TransportMethod" && record.function == "tryPerformIO") {
@@ -23,4 +23,4 @@ std::string FailureSink::takeReason(std::string_view name) {
    return reason.starts_with(prefix) ? reason.substr(prefix.size()) : reason;
 }
 
-} // namespace TarnReg
+} // namespace Board

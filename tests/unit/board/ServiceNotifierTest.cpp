@@ -1,6 +1,7 @@
-#include "nimbo/ServiceNotifier.h"
+#include "board/ServiceNotifier.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 #include <optional>
@@ -15,7 +16,7 @@
 #include "tests/support/EnvironmentVariable.h"
 #include "tests/support/TempDir.h"
 
-namespace Nimbo {
+namespace Board {
 namespace {
 
 using TestSupport::EnvironmentVariable;
@@ -30,7 +31,7 @@ std::string received(int socket) {
 TEST(ServiceNotifier, TellsTheServiceManager) {
    const TestSupport::TempDir dir;
    const TarnRegFile::Utils::UnixFdRes manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-   const UnixAddress address(dir.path("notify"));
+   const Nimbo::UnixAddress address(dir.path("notify"));
    ASSERT_EQ(::bind(manager.fd(), address.get(), address.size()), 0);
    const EnvironmentVariable variable("NOTIFY_SOCKET", dir.path("notify"));
    const ServiceNotifier notifier;
@@ -43,24 +44,41 @@ TEST(ServiceNotifier, TellsTheServiceManager) {
    EXPECT_EQ(received(manager.fd()), "READY=1");
    notifier.stopping();
    EXPECT_EQ(received(manager.fd()), "STOPPING=1");
+   notifier.alive();
+   EXPECT_EQ(received(manager.fd()), "WATCHDOG=1");
 }
 
 TEST(ServiceNotifier, DoesNothingWithoutAServiceManager) {
    const EnvironmentVariable variable("NOTIFY_SOCKET", std::nullopt);
-   const Platform::Trace::CaptureScope trace("nimbo/*=9");
+   const Platform::Trace::CaptureScope trace("board/*=9");
    const ServiceNotifier notifier;
    notifier.ready();
    notifier.reloading();
    notifier.stopping();
+   notifier.alive();
    EXPECT_THAT(trace.records(), testing::IsEmpty());
+}
+
+TEST(ServiceNotifier, IsWatchedIfTheServiceManagerSaysSoToThisProcess) {
+   const EnvironmentVariable interval("WATCHDOG_USEC", "30000000");
+   {
+      const EnvironmentVariable process("WATCHDOG_PID", std::to_string(::getpid()));
+      EXPECT_EQ(ServiceNotifier::watchdogInterval(), std::chrono::seconds(30));
+   }
+   {
+      const EnvironmentVariable process("WATCHDOG_PID", "1");
+      EXPECT_EQ(ServiceNotifier::watchdogInterval(), std::nullopt) << "another process is meant";
+   }
+   const EnvironmentVariable none("WATCHDOG_USEC", std::nullopt);
+   EXPECT_EQ(ServiceNotifier::watchdogInterval(), std::nullopt);
 }
 
 TEST(ServiceNotifier, AServiceManagerThatCannotBeToldIsTraced) {
    const EnvironmentVariable variable("NOTIFY_SOCKET", "/nonexistent/notify");
-   const Platform::Trace::CaptureScope trace("nimbo/*=9");
+   const Platform::Trace::CaptureScope trace("board/*=9");
    ServiceNotifier().ready();
    EXPECT_THAT(trace.texts(), testing::ElementsAre("READY=1: No such file or directory"));
 }
 
 } // namespace
-} // namespace Nimbo
+} // namespace Board

@@ -1,4 +1,4 @@
-#include "nimbo/ServiceNotifier.h"
+#include "board/ServiceNotifier.h"
 
 #include <cstdint>
 #include <ctime>
@@ -9,11 +9,11 @@
 
 #include "platform/trace/Trace.h"
 
-namespace Nimbo {
+namespace Board {
 
 namespace {
 
-TARN_TRACE_SOURCE(traceSource, "nimbo/ServiceNotifier");
+TARN_TRACE_SOURCE(traceSource, "board/ServiceNotifier");
 
 void tell(const char* state) noexcept {
    if (const int result = ::sd_notify(0, state); result < 0) {
@@ -45,4 +45,16 @@ void ServiceNotifier::stopping() const noexcept {
    tell("STOPPING=1");
 }
 
-} // namespace Nimbo
+std::optional<std::chrono::microseconds> ServiceNotifier::watchdogInterval() noexcept {
+   std::uint64_t micros = 0;
+   if (::sd_watchdog_enabled(0, &micros) <= 0 || micros == 0) {
+      return std::nullopt;
+   }
+   return std::chrono::microseconds(micros);
+}
+
+void ServiceNotifier::alive() const noexcept {
+   tell("WATCHDOG=1");
+}
+
+} // namespace Board

@@ -1,0 +1,169 @@
+#include "agent/OrderedRunner.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "platform/trace/Trace.h"
+
+namespace Agent {
+
+namespace {
+
+TARN_TRACE_SOURCE(traceSource, "agent/OrderedRunner");
+
+using TarnRegFile::Sable::OpIndex;
+
+constexpr const char* contradictory = "it says {} writes, and has {} registers and {} values";
+
+} // namespace
+
+OrderedRunner::OrderedRunner(Platform::EventLoop& loop, TarnRegFile::Ptr<Config> config,
+                             TarnRegFile::Ptr<Status> status, std::size_t kept, Handlers handlers)
+   : _config(std::move(config)), _status(std::move(status)), _kept(kept),
+     _handlers(std::move(handlers)), _turn(loop, [this] { _startNext(); }),
+     _subscription(
+        Platform::subscribe(*_config, Config::opAttr, [this](const Platform::Change& change) {
+           _noticed(change.key.as<Key>());
+        })) {
+   _scan();
+}
+
+OrderedRunner::~OrderedRunner() = default;
+
+void OrderedRunner::_scan() {
+   std::vector<Key> outcomes = _status->op().keys();
+   std::sort(outcomes.begin(), outcomes.end());
+   for (const Key key : outcomes) {
+      _keep(key);
+   }
+   std::vector<Key> asked = _config->op().keys();
+   std::sort(asked.begin(), asked.end());
+   for (const Key key : asked) {
+      _noticed(key);
+   }
+}
+
+void OrderedRunner::_noticed(Key key) {
+   if ((_current && _current->key() == key) || _queued.contains(key) || !_config->op().has(key)) {
+      return;
+   }
+   if (_status->op().has(key)) {
+      // Claimed before: by an agent that died over it, or it was asked for again.
+      TARN_TRACE(traceSource, 1, "noticed", "{}: operation {} was begun before and is not repeated",
+                 _config->name(), key.stringRep());
+      _config->opDel(key);
+      return;
+   }
+   _queue.push_back(key);
+   _queued.insert(key);
+   go();
+}
+
+void OrderedRunner::go() {
+   if (!_current && !_queue.empty()) {
+      _turn.startIn({});
+   }
+}
+
+void OrderedRunner::_startNext() {
+   if (_current || _queue.empty() || !_handlers.canStart()) {
+      return;
+   }
+   const Key key = _queue.front();
+   _queue.pop_front();
+   _queued.erase(key);
+   const std::optional<Op> op = _config->op().get(key);
+   if (!op) {
+      go(); // taken back before it was begun
+      return;
+   }
+   _done = Op(key);
+   _done.opSizeIs(op->opSize());
+   _status->opIs(_done); // from here on it never begins again
+   _current = op;
+   _index = 0;
+   _counters.operations.Inc();
+   if (op->opSize() != op->regKeyCount() || op->opSize() != op->regValueCount()) {
+      _end(fmt::format(contradictory, op->opSize(), op->regKeyCount(), op->regValueCount()));
+      return;
+   }
+   _step();
+}
+
+/// Makes one write after the other as long as their results come at once.
+void OrderedRunner::_step() {
+   if (std::exchange(_isStepping, true)) {
+      return;
+   }
+   while (_current && !_isWriting) {
+      if (_index == _current->opSize()) {
+         _end(std::nullopt);
+         break;
+      }
+      const OpIndex index(static_cast<std::uint8_t>(_index));
+      _isWriting = true;
+      const std::optional<std::string> refusal =
+         _handlers.write(_current->regKey(index).address(), _current->regValue(index));
+      if (refusal) {
+         _isWriting = false;
+         _end(refusal);
+         break;
+      }
+   }
+   _isStepping = false;
+}
+
+void OrderedRunner::result(bool isSuccess, const std::string& reason) {
+   if (!_current || !std::exchange(_isWriting, false)) {
+      return;
+   }
+   if (!isSuccess) {
+      _end(reason);
+      return;
+   }
+   const OpIndex index(static_cast<std::uint8_t>(_index));
+   _done.regKeyIs(index, _current->regKey(index));
+   _done.regValueIs(index, _current->regValue(index));
+   ++_index;
+   _counters.writes.Inc();
+   _status->opIs(_done);
+   _handlers.written(_done.regKey(index).address(), _done.regValue(index));
+   _step();
+}
+
+void OrderedRunner::abandon(const std::string& reason) {
+   if (_current) {
+      _isWriting = false;
+      _end(reason);
+   }
+}
+
+void OrderedRunner::_end(const std::optional<std::string>& reason) {
+   const Op op = *std::exchange(_current, std::nullopt);
+   if (reason) {
+      _counters.incomplete.Inc();
+      const std::string text = fmt::format("operation {} stopped after {} of {} writes: {}",
+                                           op.key().stringRep(), _index, op.opSize(), *reason);
+      TARN_TRACE(traceSource, 0, "end", "{}: {}", _config->name(), text);
+      _handlers.stopped(text);
+   }
+   _config->opDel(op.key());
+   _keep(op.key());
+   _handlers.idle();
+   go();
+}
+
+void OrderedRunner::_keep(Key key) {
+   _ended.push_back(key);
+   while (_ended.size() > _kept) {
+      // Not what is still asked for: only the status says that it was begun.
+      if (!_config->op().has(_ended.front())) {
+         _status->opDel(_ended.front());
+      }
+      _ended.pop_front();
+   }
+}
+
+} // namespace Agent
