@@ -1,0 +1,222 @@
+// One core of the agent, over a device whose accesses are kept and may fail.
+
+#include "agent/CoreAgent.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <optional>
+#include <stdexcept>
+
+#include "platform/trace/CaptureScope.h"
+#include "TarnRegFile/PciTransportDescriptor.h"
+#include "tests/support/JournalPciAccess.h"
+#include "tests/support/RegisterSpace.h"
+#include "tests/support/TempDir.h"
+
+namespace Agent {
+namespace {
+
+using Platform::Trace::CaptureScope;
+using TarnRegFile::Sable::CorePhase;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr auto patience = std::chrono::seconds(60);
+
+class CoreAgentTest : public testing::Test {
+protected:
+   CoreAgentTest() {
+      file->addrBlockSizeIs(4);
+      registerIs("ID", 0, false);
+      registerIs("CTRL", 4);
+      registerIs("SCRATCH", 8);
+      space.wordIs(4, 0xc);
+      settings.checkInterval = std::chrono::milliseconds(0);
+      settings.retryFirst = std::chrono::milliseconds(1);
+      settings.retryMost = std::chrono::milliseconds(4);
+      access->onAccess = [this] {
+         ++accesses;
+         if (fails && fails(accesses)) {
+            throw std::runtime_error("out of order");
+         }
+      };
+   }
+
+   void registerIs(const std::string& name, std::uint32_t address, bool writable = true) {
+      Hardware::HardwareRegister record;
+      record.name = name;
+      record.address = address;
+      record.width = 32;
+      record.arraySize = 1;
+      record.writable = writable;
+      file->nameToRegMapIs(name, record);
+      file->addrToNameMapIs(address, name);
+   }
+
+   void make() {
+      agent.emplace(
+         loop, tables,
+         CoreAgent::Hardware{
+            .name = "fpga",
+            .registers = file,
+            .descriptor = [this] { return TarnRegFile::pciTransportDescriptorFactory(access); },
+            .reason = [](const std::string& /*regName*/) { return "out of order"; },
+            .alive = {}},
+         settings, registry);
+   }
+
+   bool until(const std::function<bool()>& predicate) { return loop.runUntil(predicate, patience); }
+   bool untilReady(std::uint32_t generation) {
+      return until([this, generation] {
+         return agent->state().ready && agent->state().generation == generation;
+      });
+   }
+
+   Platform::EventLoop loop;
+   TestSupport::TempDir directory;
+   Platform::Tables::TableService tables{
+      loop, Platform::Tables::TableDirectory(directory.path("tables"))};
+   Platform::Metrics::Registry registry;
+   TestSupport::RegisterSpace space{4096};
+   Platform::Ptr<TestSupport::JournalPciAccess> access =
+      Platform::make<TestSupport::JournalPciAccess>("fpga", space.path());
+   Platform::Ptr<Hardware::HardwareRegisterFile> file =
+      Hardware::hardwareRegisterFileFactory("list");
+   Settings settings;
+   int accesses = 0;
+   std::function<bool(int)> fails; // whether the access of that number does
+   std::optional<CoreAgent> agent;
+};
+
+TEST_F(CoreAgentTest, EveryRegisterIsReadBeforeTheGenerationAndInIt) {
+   make();
+   EXPECT_EQ(agent->state().phase, CorePhase::starting);
+   EXPECT_THAT(access->journal, testing::IsEmpty()) << "nothing happens before the loop runs";
+   ASSERT_TRUE(untilReady(1));
+   EXPECT_THAT(access->journal,
+               ElementsAre("guarded read 0x0", "guarded read 0x4", "guarded read 0x8",
+                           "guarded read 0x0", "guarded read 0x4", "guarded read 0x8"));
+   EXPECT_EQ(agent->state().phase, CorePhase::ready);
+   EXPECT_TRUE(agent->state().valid);
+   EXPECT_EQ(agent->state().registersRead, 3u);
+   EXPECT_EQ(agent->state().errors, 0u);
+}
+
+TEST_F(CoreAgentTest, ARegisterThatCannotBeReadIsNamedAndTriedAgainEverLater) {
+   fails = [](int number) { return number == 2 || (number > 2 && number < 6); };
+   const CaptureScope trace("agent/CoreAgent=0");
+   make();
+   ASSERT_TRUE(untilReady(1));
+   // One access of the first probe succeeds; the next three probes fail at once.
+   EXPECT_THAT(
+      trace.texts(),
+      ElementsAre(
+         "fpga: cannot use the device: register 'CTRL': out of order; trying again in 1 ms",
+         "fpga: cannot use the device: register 'ID': out of order; trying again in 2 ms",
+         "fpga: cannot use the device: register 'ID': out of order; trying again in 4 ms",
+         "fpga: cannot use the device: register 'ID': out of order; trying again in 4 ms"));
+   EXPECT_EQ(agent->state().errors, 4u);
+   EXPECT_EQ(agent->state().losses, 0u);
+}
+
+TEST_F(CoreAgentTest, AFailureWhileTheShadowIsFilledEndsTheGenerationAndNotTheProcess) {
+   fails = [](int number) { return number == 5; };
+   make();
+   ASSERT_TRUE(untilReady(2));
+   EXPECT_EQ(access->journal.size(), 5u + 6u) << "what failed is not read on";
+   EXPECT_EQ(agent->state().errors, 1u);
+   EXPECT_EQ(agent->state().losses, 0u);
+   EXPECT_THAT(agent->state().lastError, HasSubstr("register 'CTRL': out of order"));
+}
+
+TEST_F(CoreAgentTest, ADeviceThatFailsForGoodIsNeverRelievedOfProbes) {
+   fails = [](int number) { return number > 4; };
+   make();
+   ASSERT_TRUE(until([this] { return agent->state().errors > 20; }));
+   EXPECT_EQ(agent->state().generation, 1u);
+   EXPECT_FALSE(agent->state().valid);
+   EXPECT_FALSE(agent->state().ready);
+}
+
+TEST_F(CoreAgentTest, ADeviceThatCannotBeOpenedIsWaitedFor) {
+   int opened = 0;
+   agent.emplace(loop, tables,
+                 CoreAgent::Hardware{.name = "fpga",
+                                     .registers = file,
+                                     .descriptor =
+                                        [&] {
+                                           if (++opened < 3) {
+                                              throw std::runtime_error("no such device");
+                                           }
+                                           return TarnRegFile::pciTransportDescriptorFactory(
+                                              access);
+                                        },
+                                     .reason = {},
+                                     .alive = {}},
+                 settings, registry);
+   ASSERT_TRUE(until([this] { return agent->state().phase == CorePhase::waiting; }));
+   EXPECT_EQ(agent->state().lastError, "fpga: cannot use the device: no such device");
+   EXPECT_THAT(access->journal, testing::IsEmpty());
+   ASSERT_TRUE(untilReady(1));
+}
+
+TEST_F(CoreAgentTest, TheDeviceIsLostIfTheSecondReadFailsToo) {
+   settings.checkInterval = std::chrono::milliseconds(1);
+   make();
+   ASSERT_TRUE(untilReady(1));
+   const int before = accesses;
+   fails = [before](int number) { return number == before + 2 || number == before + 3; };
+   ASSERT_TRUE(untilReady(2));
+   EXPECT_EQ(agent->state().losses, 1u);
+   EXPECT_EQ(agent->state().errors, 2u);
+   EXPECT_EQ(agent->state().lastError, "fpga: lost the device: register 'ID': out of order");
+}
+
+TEST_F(CoreAgentTest, OneFailedReadIsNoLoss) {
+   settings.checkInterval = std::chrono::milliseconds(1);
+   make();
+   ASSERT_TRUE(untilReady(1));
+   const int before = accesses;
+   fails = [before](int number) { return number == before + 2; };
+   ASSERT_TRUE(until([this, before] { return accesses > before + 5; }));
+   EXPECT_EQ(agent->state().generation, 1u);
+   EXPECT_EQ(agent->state().losses, 0u);
+   EXPECT_EQ(agent->state().errors, 1u);
+}
+
+TEST_F(CoreAgentTest, ANewGenerationIsBegunOnRequestAlsoWhileAProbeRuns) {
+   make();
+   ASSERT_TRUE(untilReady(1));
+   agent->renew();
+   EXPECT_FALSE(agent->state().ready);
+   EXPECT_FALSE(agent->state().valid);
+   ASSERT_TRUE(until([this] { return agent->state().phase == CorePhase::probing; }));
+   agent->renew();
+   ASSERT_TRUE(untilReady(2));
+}
+
+TEST_F(CoreAgentTest, HasOneAgentAndIsFreeAfterwards) {
+   make();
+   const auto second = [this] {
+      const CoreAgent other(
+         loop, tables,
+         CoreAgent::Hardware{
+            .name = "fpga", .registers = file, .descriptor = {}, .reason = {}, .alive = {}},
+         settings, registry);
+   };
+   EXPECT_THROW(second(), OwnedError);
+   agent.reset();
+   make();
+   EXPECT_TRUE(untilReady(1));
+}
+
+TEST_F(CoreAgentTest, WithoutRegistersThereIsNoCore) {
+   file = Hardware::hardwareRegisterFileFactory("empty");
+   EXPECT_THROW(make(), std::runtime_error);
+   EXPECT_FALSE(directory.has("tables"));
+}
+
+} // namespace
+} // namespace Agent
