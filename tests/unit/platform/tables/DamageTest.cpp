@@ -216,12 +216,19 @@ protected:
    }
 
    void flipEachBit(const std::string& what, std::size_t offset, std::size_t size) {
-      for (std::size_t bit = 0; bit < size * 8; ++bit) {
+      for (std::size_t bit = 0; bit < size * 8; bit += bitStep) {
          std::string byte(1, original[offset + bit / 8]);
          byte[0] = static_cast<char>(byte[0] ^ 1 << bit % 8);
          damage(what + " bit " + std::to_string(bit), offset + bit / 8, byte);
       }
    }
+
+   // Sanitizers look for what a few tell as well as all.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+   static constexpr std::size_t bitStep = 7;
+#else
+   static constexpr std::size_t bitStep = 1;
+#endif
 
    std::size_t slotOf(std::size_t slot) const {
       return geometry.slotsOffset + slot * geometry.slotStride;
@@ -276,7 +283,7 @@ TEST_F(Damage, OfASingleBitOfTheJournalIsNeverTakenForTheTruth) {
       flipEachBit("journal entry " + std::to_string(entry),
                   Geometry::journalOffset + entry * geometry.journalStride, geometry.journalStride);
    }
-   EXPECT_GT(refusals, 2U * 8 * 8);
+   EXPECT_GT(refusals, 2U * 8 * 8 / bitStep);
 }
 
 TEST_F(Damage, OfASingleBitOfTheIndexIsNeverTakenForTheTruth) {
@@ -284,14 +291,14 @@ TEST_F(Damage, OfASingleBitOfTheIndexIsNeverTakenForTheTruth) {
       flipEachBit("index entry " + std::to_string(entry), geometry.indexOffset[0] + entry * 8, 8);
       flipEachBit("index entry " + std::to_string(entry), geometry.indexOffset[1] + entry * 8, 8);
    }
-   EXPECT_GE(refusals, 6U * 64); // the region in use
+   EXPECT_GE(refusals, 6U * 64 / bitStep); // the region in use
 }
 
 TEST_F(Damage, OfASingleBitOfARecordIsNeverTakenForTheTruth) {
    for (const std::size_t slot : {60U, 119U, 459U, 460U}) {
       flipEachBit("slot " + std::to_string(slot), slotOf(slot), geometry.slotStride);
    }
-   EXPECT_GE(refusals, 2U * 64 * 5);
+   EXPECT_GE(refusals, 2U * 64 * 5 / bitStep);
 }
 
 TEST_F(Damage, OfWholeWordsIsNeverTakenForTheTruth) {
