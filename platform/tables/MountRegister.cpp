@@ -33,7 +33,7 @@ struct Entry {
 static_assert(sizeof(Entry) == 88);
 
 constexpr off_t offsetOf(std::uint32_t index) noexcept {
-   return static_cast<off_t>(index * 128);
+   return off_t{128} * index;
 }
 
 std::uint64_t checkOf(const Entry& entry) noexcept {
