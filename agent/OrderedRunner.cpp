@@ -1,6 +1,7 @@
 #include "agent/OrderedRunner.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include <fmt/format.h>
@@ -14,6 +15,9 @@ namespace {
 TARN_TRACE_SOURCE(traceSource, "agent/OrderedRunner");
 
 using TarnRegFile::Sable::OpIndex;
+
+/// How long the loop is kept from everything else.
+constexpr std::chrono::milliseconds turnTime{10};
 
 constexpr const char* contradictory = "it says {} writes, and has {} registers and {} values";
 
@@ -68,7 +72,11 @@ void OrderedRunner::go() {
 }
 
 void OrderedRunner::_startNext() {
-   if (_current || _queue.empty() || !_handlers.canStart()) {
+   if (_current) {
+      _step();
+      return;
+   }
+   if (_queue.empty() || !_handlers.canStart()) {
       return;
    }
    const Key key = _queue.front();
@@ -92,12 +100,18 @@ void OrderedRunner::_startNext() {
    _step();
 }
 
-/// Makes one write after the other as long as their results come at once.
+/// Makes one write after the other as long as their results come at once, and it does not take
+/// too long.
 void OrderedRunner::_step() {
    if (std::exchange(_isStepping, true)) {
       return;
    }
+   const auto end = std::chrono::steady_clock::now() + turnTime;
    while (_current && !_isWriting) {
+      if (std::chrono::steady_clock::now() >= end) {
+         _turn.startIn({});
+         break;
+      }
       if (_index == _current->opSize()) {
          _end(std::nullopt);
          break;

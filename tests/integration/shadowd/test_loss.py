@@ -1,6 +1,7 @@
 """tarn-shadowd over a simulated bus: devices that are not there, go and come back."""
 
 import os
+import signal
 import subprocess
 import unittest
 
@@ -109,6 +110,25 @@ class Loss(Case):
         self.await_state(ready="true", losses=0)
         self.await_registers("0x4=0x1", "0x8=0x5")
         self.assertEqual("0x1", hex(int(self.sim("get", "chip", "4").strip(), 0)))
+
+    def test_an_operation_that_its_agent_died_over_is_not_run_again(self):
+        self.start(check=0)
+        state = self.await_state(phase="ready")
+        self.sim("delay", "chip", "20000")
+        self.client("order", "fpga", 9, 100, *(f"{4 + 4 * (i % 2)}={i + 1}" for i in range(100)))
+        self.client("order", "fpga", 10, 1, "8=0x88")
+        wait_for(lambda: self.ordered() not in ([], ["9/100"]), "the first write")
+        os.kill(int(state["pid"]), signal.SIGKILL)
+        self.agent.wait()
+        made = len(self.ordered()[0].split()) - 1
+        self.assertLess(made, 100)
+        # The board is a new one, in which nothing was written.
+        self.start(check=0)
+        wait_for(lambda: self.ordered("fpga/ops") == [], "the operations")
+        self.assertEqual(made, len(self.ordered()[0].split()) - 1)
+        self.assertEqual("10/1 0x8=0x88", self.ordered()[1])
+        self.assertEqual("0xc", hex(int(self.sim("get", "chip", "4").strip(), 0)))
+        self.assertEqual("0x88", hex(int(self.sim("get", "chip", "8").strip(), 0)))
 
     def test_operations_wait_for_a_device_that_is_away(self):
         self.start(present="false")

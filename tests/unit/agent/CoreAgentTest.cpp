@@ -106,7 +106,7 @@ TEST_F(CoreAgentTest, EveryRegisterIsReadBeforeTheGenerationAndInIt) {
 
 TEST_F(CoreAgentTest, ARegisterThatCannotBeReadIsNamedAndTriedAgainEverLater) {
    fails = [](int number) { return number == 2 || (number > 2 && number < 6); };
-   const CaptureScope trace("agent/CoreAgent=0");
+   const CaptureScope trace("*=off,agent/CoreAgent=0");
    make();
    ASSERT_TRUE(untilReady(1));
    // One access of the first probe succeeds; the next three probes fail at once.
