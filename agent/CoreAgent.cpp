@@ -236,7 +236,7 @@ void CoreAgent::_probe() {
             .done = [this](const Failure* failure) { _probed(failure); },
             .progress = [this](std::size_t read) { _progress(read); },
             .reason = [this](const std::string& regName) { return _reason(regName); }});
-   } catch (const std::runtime_error& error) {
+   } catch (const std::exception& error) {
       const Failure failure{"", error.what()};
       _probed(&failure);
    }
@@ -257,7 +257,7 @@ void CoreAgent::_probed(const Failure* failure) {
       _begin();
    } catch (const Platform::Tables::CorruptionException&) {
       throw; // not the device's
-   } catch (const std::runtime_error& error) {
+   } catch (const std::exception& error) {
       _fail({"", error.what()});
    }
 }
@@ -465,9 +465,7 @@ void CoreAgent::_check() {
 void CoreAgent::_accessed() {
    _state.accessWall = wallNow();
    _state.accessMonotonic = monotonicNow();
-   if (_state.ready && std::chrono::steady_clock::now() - _shown >= showTime) {
-      _show();
-   }
+   _progress(_state.registersRead); // also while what is configured is written
 }
 
 std::string CoreAgent::_reason(const std::string& regName) const {
