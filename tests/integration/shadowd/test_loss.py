@@ -114,7 +114,7 @@ class Loss(Case):
     def test_an_operation_that_its_agent_died_over_is_not_run_again(self):
         self.start(check=0)
         state = self.await_state(phase="ready")
-        self.sim("delay", "chip", "20000")
+        self.sim("delay", "chip", "100000")
         self.client("order", "fpga", 9, 100, *(f"{4 + 4 * (i % 2)}={i + 1}" for i in range(100)))
         self.client("order", "fpga", 10, 1, "8=0x88")
         wait_for(lambda: self.ordered() not in ([], ["9/100"]), "the first write")

@@ -86,7 +86,7 @@ class Shadowd(Case):
         wait_for(lambda: self.registers("fpga/config") == [], "the entry to be removed")
         self.assertEqual("fpga: address 0x44 is configured, but no register has it; the entry is "
                          "removed", self.await_state(ready="true")["error"])
-        self.assertTrue(agent.says("address 0x40 is configured"))
+        wait_for(lambda: agent.says("address 0x40 is configured"), "the message")
 
     def test_hup_begins_a_new_generation_of_all_cores(self):
         agent = self.agent("--core", "fpga", "--core", "cpld")
@@ -179,7 +179,7 @@ class Shadowd(Case):
         wait_for(lambda: self.ordered("fpga/ops") == [], "the operations")
         self.assertEqual(["5/2 0x4=0x51", "6/1 0x8=0x62"], self.ordered())
         self.assertEqual(("12", "98"), (self.value(4), self.value(8)))
-        self.assertTrue(agent.says("was begun before and is not repeated"))
+        wait_for(lambda: agent.says("was begun before and is not repeated"), "the message")
         # Nor if it is asked for again.
         self.client("order", "fpga", 6, 1, "8=0x63")
         wait_for(lambda: self.ordered("fpga/ops") == [], "the operation")
@@ -201,7 +201,7 @@ class Shadowd(Case):
         for key in (3, 2, 1):
             self.client("order", "fpga", key, 1, f"8={key}")
             wait_for(lambda: self.ordered("fpga/ops") == [], "the operation")
-        self.assertEqual(["1/1 0x8=0x1", "2/1 0x8=0x2"], self.ordered())
+        wait_for(lambda: self.ordered() == ["1/1 0x8=0x1", "2/1 0x8=0x2"], "the two last ones")
 
     def test_metrics_are_shown(self):
         with socket.socket() as probe:
