@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -110,9 +111,9 @@ void padded(std::span<const std::uint8_t> bytes, Word* words) noexcept {
       words[0] = half;
    } else if (bytes.size() == sizeof(Word)) {
       std::memcpy(words, bytes.data(), sizeof(Word));
-   } else if (!bytes.empty()) {
-      words[wordsFor(bytes.size()) - 1] = 0;
-      std::memcpy(words, bytes.data(), bytes.size());
+   } else {
+      words[bytes.empty() ? 0 : wordsFor(bytes.size()) - 1] = 0;
+      std::copy(bytes.begin(), bytes.end(), reinterpret_cast<std::uint8_t*>(words));
    }
 }
 

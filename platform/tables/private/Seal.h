@@ -62,6 +62,7 @@ inline Word hashOfWords(const Word* words, std::size_t size) noexcept {
    }
    Word hash = size;
    for (std::size_t i = 0; i < wordsFor(size); ++i) {
+      // NOLINTNEXTLINE(clang-analyzer-core.UndefinedBinaryOperatorResult): the words are filled.
       hash = (hash ^ words[i]) * 0x9E3779B97F4A7C15U;
       hash ^= hash >> 32;
    }
