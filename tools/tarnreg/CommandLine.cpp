@@ -20,6 +20,7 @@
 #include "tools/tarnreg/Options.h"
 #include "tools/tarnreg/Printable.h"
 #include "tools/tarnreg/SavedDump.h"
+#include "tools/tarnreg/ShadowVerbs.h"
 #include "tools/tarnreg/TableVerbs.h"
 #include "tools/tarnreg/ValuesFile.h"
 #include "tools/tarnreg/Verbs.h"
@@ -57,6 +58,8 @@ struct Arguments {
    bool tableForce = false;
    std::uint64_t tableCount = 0;
    double tableTimeout = 0;
+   ShadowSetOptions shadowSet;
+   double shadowSetTimeout = 10;
 };
 
 /// Turns one of these words into its number, as the options' enumerations are parsed.
@@ -130,6 +133,8 @@ private:
    void _globalOptions();
    void _verbs();
    void _tableVerbs();
+   void _shadowVerbs();
+   ShadowView& _shadowView();
    CLI::App* _verb(const char* name, const char* list, const char* help,
                    std::function<void(Report&)> action);
    CLI::App* _subVerb(CLI::App& parent, const char* name, const char* list, const char* help,
@@ -156,6 +161,7 @@ private:
    std::unique_ptr<Console> _console;
    const std::shared_ptr<Board::Platforms> _platforms = std::make_shared<Board::Platforms>();
    std::unique_ptr<Device> _opened;
+   std::unique_ptr<ShadowView> _shadow;
 };
 
 Command::Command()
@@ -383,6 +389,7 @@ void Command::_verbs() {
    _accessTimeout(*call);
 
    _tableVerbs();
+   _shadowVerbs();
 }
 
 void Command::_tableVerbs() {
@@ -432,6 +439,74 @@ void Command::_tableVerbs() {
          removeTable(_tableDirectory(), _arguments.table, _arguments.tableForce, report);
       }));
    remove->add_flag("--force", _arguments.tableForce, "Also one that is mounted");
+}
+
+void Command::_shadowVerbs() {
+   CLI::App* shadow = _app.add_subcommand(
+      "shadow", "Registers of a device that another process owns, in shared memory");
+   shadow->require_subcommand(1);
+   shadow->fallthrough();
+   shadow
+      ->add_option("--dir", _arguments.tableDirectory,
+                   "Where the tables are; else what TARN_TABLE_DIR says, else /dev/shm/tarn")
+      ->option_text("DIRECTORY")
+      ->transform(unguarded());
+   const char* patternHelp =
+      "Names, with * and ? for any characters and [0:3] for a range of an array";
+   CLI::App* list =
+      _subVerb(*shadow, "list", "registers", "List registers: value, wish, whether they differ",
+               [this](Report& report) { listShadow(_shadowView(), _arguments.patterns, report); });
+   _words(*list, "PATTERN", _arguments.patterns, patternHelp);
+   CLI::App* get =
+      _subVerb(*shadow, "get", "registers", "Print what registers hold",
+               [this](Report& report) { getShadow(_shadowView(), _arguments.patterns, report); });
+   _words(*get, "PATTERN", _arguments.patterns, patternHelp)->required();
+   CLI::App* set = _subVerb(
+      *shadow, "set", "registers", "Wish registers to hold values", [this](Report& report) {
+         _arguments.shadowSet.timeout = seconds(_arguments.shadowSetTimeout);
+         setShadow(_shadowView(), _arguments.assignments, _arguments.shadowSet, report);
+      });
+   _words(*set, "NAME=VALUE", _arguments.assignments,
+          "What to wish; values in decimal, 0x hexadecimal or 0b binary")
+      ->required();
+   CLI::Option* wait =
+      set->add_flag("--wait", _arguments.shadowSet.wait, "Until all of it is held");
+   _seconds(*set, "--timeout", _arguments.shadowSetTimeout,
+            "Seconds to wait at most, exit code 6 then");
+   set->get_option("--timeout")->needs(wait);
+   CLI::App* unset =
+      _subVerb(*shadow, "unset", "registers", "Take wishes back; writes nothing",
+               [this](Report& report) { unsetShadow(_shadowView(), _arguments.patterns, report); });
+   _words(*unset, "PATTERN", _arguments.patterns, patternHelp)->required();
+   CLI::App* watch =
+      _subVerb(*shadow, "watch", "registers", "Print what registers hold, and what they change to",
+               [this](Report& report) {
+                  ShadowWatchOptions options{.count = _arguments.tableCount};
+                  if (_arguments.tableTimeout > 0) {
+                     options.timeout = seconds(_arguments.tableTimeout);
+                  }
+                  watchShadow(_shadowView(), _arguments.patterns, options, report);
+               });
+   _words(*watch, "PATTERN", _arguments.patterns, patternHelp);
+   watch->add_option("--count", _arguments.tableCount, "Changes; without it until interrupted")
+      ->option_text("N")
+      ->check(CLI::PositiveNumber);
+   _seconds(*watch, "--timeout", _arguments.tableTimeout,
+            "Seconds until it ends; with --count, exit code 6 then");
+   CLI::App* diff =
+      _subVerb(*shadow, "diff", "registers", "Compare what registers hold with what is wished",
+               [this](Report& report) { diffShadow(_shadowView(), _arguments.patterns, report); });
+   _words(*diff, "PATTERN", _arguments.patterns, patternHelp);
+}
+
+ShadowView& Command::_shadowView() {
+   if (_options.device.empty()) {
+      throw Failure(ExitCode::usage, "--device is needed: the core's name in the board file");
+   }
+   const DevicePlace place = devicePlace(_options);
+   _shadow =
+      std::make_unique<ShadowView>(_tableDirectory(), _options.device, place.list, place.url);
+   return *_shadow;
 }
 
 Platform::Tables::TableDirectory Command::_tableDirectory() const {

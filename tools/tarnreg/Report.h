@@ -23,6 +23,9 @@ public:
 
    bool json() const noexcept { return _json; }
 
+   /// How values are shown.
+   NumberBase base() const noexcept { return _base; }
+
    /// A register and its value: "NAME  0x2a". Out at once, so that of a device that hangs one sees
    /// where.
    void value(const TarnRegFile::HardwareRegister& record, std::uint32_t value);
