@@ -11,9 +11,14 @@
 #include <string>
 #include <string_view>
 
+#include "platform/entity/EventLoop.h"
 #include "platform/hardware/PciHwAccessImpl.h"
+#include "platform/tables/CollectionControl.h"
+#include "platform/tables/TableService.h"
 #include "TarnRegFile/NimboSmbusTransportDescriptor.h"
 #include "TarnRegFile/PciTransportDescriptor.h"
+#include "TarnRegFile/ShadowClient.h"
+#include "TarnRegFile/ShadowRegisterStatus.h"
 #include "TarnRegFile/TransportMethod.h"
 #include "tests/support/EnvironmentVariable.h"
 #include "tests/support/RegisterSpace.h"
@@ -132,6 +137,30 @@ TEST_F(Allocation, AMappedDevicesAccessesAllocateNothingGuardedOrNot) {
                 }),
                 0u);
    }
+}
+
+TEST_F(Allocation, AReadOfAShadowRegisterAllocatesNothing) {
+   using namespace TarnRegFile::Sable;
+   const TempDir tables{"/dev/shm"};
+   Platform::EventLoop loop;
+   Platform::Tables::TableService service(loop, Platform::Tables::TableDirectory(tables.path()));
+   const auto control = Platform::Tables::collectionControlFactory(
+      service, {.role = Platform::Tables::TableRole::writer});
+   const auto status = shadowRegisterStatusFactory("core/status");
+   status->regMapControlIs(control);
+   control->mount();
+   const auto registers = _tm->regFileHelper()->regFilePtr();
+   status->regMapIs(CoreRegister(CoreRegisterKey(registers->findRegister(_name)->address), 5));
+   const ShadowClient client(loop, service, "core", registers);
+   std::uint32_t sum = 0;
+   EXPECT_EQ(allocationsOf([&] {
+                for (int i = 0; i < 1000; ++i) {
+                   sum += client.read(_name);
+                }
+             }),
+             0u);
+   EXPECT_EQ(sum, 5000u);
+   control->unmount();
 }
 
 /// What the messages of a read or a write allocate, from their making to their end.
