@@ -133,11 +133,51 @@ class ShadowTable(TarnregTest):
     def test_the_page_shows_what_the_program_does(self):
         with open(os.path.join(SOURCE, "docs", "shadow-tables.md"), encoding="utf-8") as page:
             blocks = re.findall(r"```cpp\n(.*?)```", page.read(), re.DOTALL)
-        with open(os.path.join(SOURCE, "examples", "shadow_table.cpp"), encoding="utf-8") as code:
-            lines = " ".join(code.read().split())
-        self.assertEqual(len(blocks), 3)
+        lines = ""
+        for program in ("shadow_table.cpp", "shadow_registers.cpp"):
+            with open(os.path.join(SOURCE, "examples", program), encoding="utf-8") as code:
+                lines += " ".join(code.read().split())
+        self.assertEqual(len(blocks), 4)
         for block in blocks:
             self.assertIn(" ".join(block.split()), lines)
+
+
+class ShadowClient(TarnregTest):
+    def setUp(self):
+        super().setUp()
+        self.env = environment(TARN_TABLE_DIR=os.path.join(self.dir, "tables"))
+
+    def client(self, *arguments):
+        done = subprocess.run(
+            [os.path.join(EXAMPLES, "shadow_registers"), *arguments], env=self.env, text=True,
+            timeout=TIMEOUT, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        )
+        return done.returncode, done.stdout, done.stderr
+
+    def test_reads_wishes_and_follows(self):
+        listed = run("--file", BOARD, "--json", "list", "FPGA_ID", "SCRATCH").document["registers"]
+        numbers = {register["name"]: register["address"] // 4 for register in listed}
+        owner = subprocess.Popen(
+            [os.environ["SHADOW_OWNER"], "fpga", f"{numbers['FPGA_ID']}=77",
+             f"{numbers['SCRATCH']}=1"],
+            env=self.env, text=True, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+        )
+        with owner:
+            self.assertEqual(owner.stdout.readline(), "ready\n")
+            code, out, err = self.client(BOARD, "fpga")
+            self.assertEqual((code, err), (0, ""))
+            lines = out.splitlines()
+            self.assertIn("FPGA_ID 77", lines)
+            self.assertIn("SCRATCH now 6", lines)
+            self.assertIn("SCRATCH wished 6, held 6", lines)
+            owner.stdin.close()
+            self.assertEqual(owner.wait(TIMEOUT), 0)
+
+    def test_without_an_owner_there_are_no_values(self):
+        code, out, err = self.client(BOARD, "fpga")
+        self.assertEqual((code, out), (1, ""))
+        self.assertIn("FPGA_ID", err)
+        self.assertEqual(self.client()[0], 2)
 
 
 class SampleDevice(TarnregTest):
