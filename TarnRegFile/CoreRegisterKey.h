@@ -37,6 +37,7 @@ public:
 
    constexpr std::uint32_t address() const noexcept { return _address; }
 
+   // NOLINTNEXTLINE(modernize-use-nullptr): there is none in it.
    friend constexpr auto operator<=>(const CoreRegisterKey&, const CoreRegisterKey&) = default;
 
    template <typename H>

@@ -36,6 +36,7 @@ public:
 
    constexpr std::uint8_t value() const noexcept { return _value; }
 
+   // NOLINTNEXTLINE(modernize-use-nullptr): there is none in it.
    friend constexpr auto operator<=>(const OpIndex&, const OpIndex&) = default;
 
    static constexpr std::string_view valueTypeName() noexcept {

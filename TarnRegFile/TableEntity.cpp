@@ -139,6 +139,7 @@ void TableEntity<R>::_controlIs(const Ptr<CollectionControl>& control) {
    // Both controls publish what they are told here, to who may let go of everything, or set yet
    // another control.
    const Ptr<Platform::Node> held(this);
+   // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): the caller's may go meanwhile.
    const Ptr<CollectionControl> wanted(control);
    const Ptr<CollectionControl> previous = std::exchange(_control, wanted);
    const Ptr<CollectionControl> attached(_table.control());

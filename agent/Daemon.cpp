@@ -26,7 +26,7 @@ TarnRegFile::Ptr<TarnRegFile::HardwareRegisterFile> registersIn(const std::strin
 
 } // namespace
 
-Daemon::Daemon(const Config& config, ReasonSource reason)
+Daemon::Daemon(const Config& config, const ReasonSource& reason)
    : _loop(_platforms.eventLoop()), _tables(_loop),
      _isWatched(Board::ServiceNotifier::watchdogInterval().has_value()),
      _signals(_loop, {SIGTERM, SIGINT, SIGHUP}, [this](int signal) { _signal(signal); }),

@@ -29,7 +29,7 @@ public:
    /// Begins to serve. `reason` says why the last access of a register failed. Throws what
    /// CoreAgent throws, what is wrong with a register list, and std::system_error or
    /// std::invalid_argument for an address that metrics cannot be shown at.
-   Daemon(const Config& config, ReasonSource reason);
+   Daemon(const Config& config, const ReasonSource& reason);
    ~Daemon();
    Daemon(const Daemon&) = delete;
    Daemon& operator=(const Daemon&) = delete;

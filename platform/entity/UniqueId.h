@@ -51,6 +51,7 @@ public:
    /// True if this is an id, false for none.
    constexpr explicit operator bool() const noexcept { return _value != 0; }
 
+   // NOLINTNEXTLINE(modernize-use-nullptr): there is none in it.
    friend constexpr auto operator<=>(const UniqueId&, const UniqueId&) = default;
 
    template <typename H>
