@@ -26,15 +26,16 @@ address = 0x50
 kind = "block"
 values = {{ 0 = 0x1d, 4 = 0xc, 8 = 0x5 }}
 present = {present}
+{faults}
 """
 
 
 class Loss(Case):
     transport = "i2c:/dev/i2c-3@0x50"
 
-    def start(self, check=20, present="true"):
+    def start(self, check=20, present="true", faults=""):
         self.board = self.write("board.toml", BOARD.format(transport=self.transport, check=check,
-                                                           present=present))
+                                                           present=present, faults=faults))
         self.socket = self.path("control")
         self.agent = Agent(self, wrapper=(TARNSIM, "--board", self.board, "--control", self.socket,
                                           "--"))
@@ -64,13 +65,10 @@ class Loss(Case):
         self.assertEqual(["0x0=0x1d", "0x4=0xc", "0x8=0x5"], self.registers())
 
     def test_the_register_that_cannot_be_read_is_named(self):
-        self.start(present="false")
-        self.await_state(phase="waiting")
-        # Of the three registers the second one fails.
-        self.sim("fault", "chip", "nak", "direction=read", "first=2")
-        self.sim("return", "chip")
-        wait_for(lambda: "register 'CTRL'" in self.state()["error"], "the name")
-        self.assertEqual("0", self.state()["generation"])
+        # From the second read on, which in the first probe is that of the second register.
+        self.start(faults='faults = [{ kind = "nak", direction = "read", first = 2 }]')
+        wait_for(lambda: self.agent.says("register 'CTRL'"), "the name")
+        self.await_state(phase="waiting", generation=0, valid="false")
         self.assertIsNone(self.agent.process.poll())
 
     def test_a_lost_device_is_noticed_and_comes_back_as_a_new_generation(self):
