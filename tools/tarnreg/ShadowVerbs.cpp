@@ -197,6 +197,7 @@ void setShadow(ShadowView& view, const std::vector<std::string>& texts,
          return;
       }
       std::vector<CoreRegister> wished;
+      wished.reserve(last.size());
       for (const auto& [address, assignment] : last) {
          wished.emplace_back(CoreRegisterKey(address), assignment.value);
       }
