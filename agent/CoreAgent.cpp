@@ -176,6 +176,7 @@ void CoreAgent::_mount() {
       _state.lastRequest = request->value();
    }
    _phaseIs(Phase::starting);
+   _lock->serve(); // not before: what an agent before this one said last is none of its
 
    using TarnRegFile::Sable::ShadowRegisterConfig;
    using TarnRegFile::Sable::ShadowRegisterStatus;

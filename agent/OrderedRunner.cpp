@@ -19,6 +19,7 @@ using TarnRegFile::Sable::OpIndex;
 /// How long the loop is kept from everything else.
 constexpr std::chrono::milliseconds turnTime{10};
 
+constexpr const char* takenBack = "it was taken back";
 constexpr const char* contradictory = "it says {} writes, and has {} registers and {} values";
 
 } // namespace
@@ -114,6 +115,11 @@ void OrderedRunner::_step() {
       }
       if (_index == _current->opSize()) {
          _end(std::nullopt);
+         break;
+      }
+      // Whoever took it back when it was just being begun may count on nothing having been written.
+      if (!_config->op().has(_current->key())) {
+         _end(takenBack);
          break;
       }
       const OpIndex index(static_cast<std::uint8_t>(_index));

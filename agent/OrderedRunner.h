@@ -21,7 +21,8 @@ namespace Agent {
 /// An operation is claimed by a record of status that has its key and size and no writes, which is
 /// extended after each write that succeeded. Whatever has a record of status has been claimed, by
 /// this agent or by one before it, and is never begun again. At the end its record of configuration
-/// is removed, which is how clients learn of the end; the status tells what was carried out.
+/// is removed, which is how clients learn of the end; the status tells what was carried out. One
+/// whose record of configuration others remove ends before its next write.
 ///
 /// Operations run in the order in which they are noticed, those that are there already at the
 /// start in that of their ids. Owned by the core's agent, on the loop's thread.

@@ -9,19 +9,28 @@
 
 #include <fmt/format.h>
 
+#include "TarnRegFile/CoreOwner.h"
+
 namespace Agent {
 
 namespace {
 
-constexpr mode_t mode = 0660;
+using TarnRegFile::Sable::CoreOwner;
 
-std::string pathOf(const Platform::Tables::TableDirectory& directory, const std::string& core) {
-   return directory.path() + '/' + Platform::Tables::TableDirectory::fileName(core + "/owner") +
-          ".lock";
-}
+constexpr mode_t mode = 0660;
 
 [[noreturn]] void fail(const std::string& path) {
    throw std::system_error(errno, std::system_category(), path);
+}
+
+/// Locks one byte of the file; false, with errno set, if that fails.
+bool isLocked(int fd, off_t byte) {
+   struct flock lock = {};
+   lock.l_type = F_WRLCK;
+   lock.l_whence = SEEK_SET;
+   lock.l_start = byte;
+   lock.l_len = 1;
+   return ::fcntl(fd, F_OFD_SETLK, &lock) == 0;
 }
 
 std::string ownerIn(int fd) {
@@ -35,25 +44,27 @@ std::string ownerIn(int fd) {
 } // namespace
 
 OwnerLock::OwnerLock(const Platform::Tables::TableDirectory& directory, const std::string& core)
-   : _file(
-        ::open(pathOf(directory, core).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, mode)) {
-   const std::string path = pathOf(directory, core);
+   : _path(CoreOwner(directory, core).lockPath()),
+     _file(::open(_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, mode)) {
    if (_file.fd() < 0) {
-      fail(path);
+      fail(_path);
    }
-   struct flock lock = {};
-   lock.l_type = F_WRLCK;
-   lock.l_whence = SEEK_SET;
-   if (::fcntl(_file.fd(), F_OFD_SETLK, &lock) != 0) {
+   if (!isLocked(_file.fd(), CoreOwner::ownerByte)) {
       if (errno != EAGAIN && errno != EACCES) {
-         fail(path);
+         fail(_path);
       }
       throw OwnedError(fmt::format("core '{}' has an agent already{}", core, ownerIn(_file.fd())));
    }
    const std::string owner = fmt::format("{}\n", ::getpid());
    if (::ftruncate(_file.fd(), 0) != 0 ||
        ::pwrite(_file.fd(), owner.data(), owner.size(), 0) != static_cast<ssize_t>(owner.size())) {
-      fail(path);
+      fail(_path);
+   }
+}
+
+void OwnerLock::serve() {
+   if (!isLocked(_file.fd(), CoreOwner::servingByte)) {
+      fail(_path);
    }
 }
 

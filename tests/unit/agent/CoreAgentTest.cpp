@@ -212,6 +212,41 @@ TEST_F(CoreAgentTest, HasOneAgentAndIsFreeAfterwards) {
    EXPECT_TRUE(untilReady(1));
 }
 
+TEST_F(CoreAgentTest, AnOperationThatIsTakenBackEndsBeforeItsNextWrite) {
+   using namespace TarnRegFile::Sable;
+   const auto mounted = [this](const auto& entity) {
+      entity->opControlIs(Platform::Tables::collectionControlFactory(
+         tables, {.role = Platform::Tables::TableRole::writer}));
+      entity->opControl()->mount();
+      return entity;
+   };
+   const auto ops = mounted(orderedRegisterConfigFactory("fpga/ops"));
+   const auto outcomes = mounted(orderedRegisterStatusFactory("fpga/ops-status"));
+   make();
+   ASSERT_TRUE(untilReady(1));
+   OrderedRegisterOp op(UniqueId(7));
+   op.opSizeIs(5);
+   for (std::uint32_t i = 0; i < 5; ++i) {
+      op.regKeyIs(OpIndex(i), CoreRegisterKey(8));
+      op.regValueIs(OpIndex(i), i + 1);
+   }
+   const int before = accesses;
+   access->onAccess = [&] {
+      if (++accesses == before + 2) {
+         ops->opDel(UniqueId(7));
+      }
+   };
+   ops->opIs(op);
+   ASSERT_TRUE(until([this] { return !agent->state().lastError.empty(); }));
+   EXPECT_EQ(agent->state().lastError, "operation 0x0000000000000007 stopped after 2 of 5 writes: "
+                                       "it was taken back");
+   EXPECT_EQ(outcomes->op().get(UniqueId(7))->regKeyCount(), 2u);
+   EXPECT_EQ(accesses, before + 2) << "nothing more is written";
+   EXPECT_EQ(space.word(8), 2u);
+   ops->opControl()->unmount();
+   outcomes->opControl()->unmount();
+}
+
 TEST_F(CoreAgentTest, WithoutRegistersThereIsNoCore) {
    file = Hardware::hardwareRegisterFileFactory("empty");
    EXPECT_THROW(make(), std::runtime_error);

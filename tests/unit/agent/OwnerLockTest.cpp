@@ -10,6 +10,7 @@
 #include <optional>
 #include <system_error>
 
+#include "TarnRegFile/CoreOwner.h"
 #include "tests/support/TempDir.h"
 
 namespace Agent {
@@ -37,6 +38,23 @@ TEST(OwnerLock, IsFreeAgainOnceItsOwnerHasGone) {
    std::optional<OwnerLock> first(std::in_place, directory, "fpga");
    first.reset();
    EXPECT_NO_THROW(OwnerLock(directory, "fpga"));
+}
+
+TEST(OwnerLock, ShowsAnOwnerThatLivesOnceItServes) {
+   const TestSupport::TempDir dir;
+   const TableDirectory directory(dir.path());
+   const TarnRegFile::Sable::CoreOwner owner(directory, "fpga");
+   using TarnRegFile::Sable::OwnerLife;
+   EXPECT_EQ(owner.life(), OwnerLife::gone);
+   {
+      OwnerLock lock(directory, "fpga");
+      EXPECT_EQ(owner.life(), OwnerLife::gone); // the core's state is not its own yet
+      lock.serve();
+      EXPECT_EQ(owner.life(), OwnerLife::alive);
+      EXPECT_THROW(OwnerLock(directory, "fpga"), OwnedError);
+      EXPECT_EQ(owner.life(), OwnerLife::alive);
+   }
+   EXPECT_EQ(owner.life(), OwnerLife::gone);
 }
 
 TEST(OwnerLock, IsNoTable) {
