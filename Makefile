@@ -14,7 +14,7 @@ UNSHUFFLED := $(shell setarch -R true 2>/dev/null && echo setarch -R)
 
 .NOTPARALLEL:
 .DEFAULT_GOAL := help
-.PHONY: help packages build test demo release asan tsan coverage fuzz torture bench format format-check \
+.PHONY: help packages build test vm-test demo release asan tsan coverage fuzz torture bench format format-check \
         tidy include-check clean
 
 help: ## List the actions
@@ -31,6 +31,11 @@ build: ## Build everything for everyday work, with all checks (build/dev)
 
 test: packages build ## Install what is missing, build, and run all tests
 	cd build/dev && $(CTEST)
+
+vm-test: ## Run the programs on a real kernel's devices, in a virtual machine (needs QEMU)
+	cmake --preset dev
+	cmake --build --preset dev --target tarnreg nimbod tarn-shadowd
+	tests/vm/vm_test.py build/dev
 
 demo: packages ## Build what is shipped and show the sample board at work
 	cmake --preset release

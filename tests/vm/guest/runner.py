@@ -1,0 +1,77 @@
+"""Runs the cases of one boot, as the guest's only process, and tells the host of each."""
+
+import importlib
+import os
+import sys
+import time
+import traceback
+import unittest
+
+import host
+
+# What QEMU makes its exit code of; the host expects it when all went well, and only then.
+GOOD, BAD = 0x10, 0x20
+
+
+class Result(unittest.TestResult):
+    def __init__(self):
+        super().__init__()
+        self.count = 0
+        self.began = 0
+
+    def startTest(self, test):
+        super().startTest(test)
+        self.count += 1
+        self.began = time.monotonic()
+        print(f"case {test.id()}", flush=True)
+
+    def _tell(self, test, outcome, text=""):
+        seconds = round(time.monotonic() - self.began, 1) if self.began else 0
+        host.tell(case=test.id(), outcome=outcome, text=text, seconds=seconds)
+
+    def addSuccess(self, test):
+        super().addSuccess(test)
+        self._tell(test, "ok")
+
+    def addFailure(self, test, err):
+        super().addFailure(test, err)
+        self._tell(test, "failed", self.failures[-1][1])
+
+    def addError(self, test, err):
+        super().addError(test, err)
+        self._tell(test, "failed", self.errors[-1][1])
+
+    def addSkip(self, test, reason):
+        # Whatever is asked for is there; a case has no reason to be left out.
+        super().addSkip(test, reason)
+        self.errors.append((test, reason))
+        self._tell(test, "failed", f"skipped: {reason}")
+
+
+def run():
+    suite = unittest.TestSuite()
+    loader = unittest.TestLoader()
+    loader.testNamePatterns = host.SETTING["patterns"] or None
+    for name in host.SETTING["modules"]:
+        suite.addTests(loader.loadTestsFromModule(importlib.import_module(name)))
+    result = Result()
+    suite.run(result)
+    host.tell(end=True, count=result.count)
+    return result.wasSuccessful()
+
+
+def leave(code):
+    """Ends the machine at once."""
+    sys.stdout.flush()
+    os.sync()
+    port = os.open("/dev/port", os.O_RDWR)
+    os.pwrite(port, bytes([code]), 0xF4)
+
+
+if __name__ == "__main__":
+    good = False
+    try:
+        good = run()
+    except BaseException:
+        host.tell(broken=traceback.format_exc())
+    leave(GOOD if good else BAD)

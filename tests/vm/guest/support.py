@@ -1,0 +1,101 @@
+"""What the cases share: programs to run, buses and devices to find."""
+
+import glob
+import os
+import shutil
+import subprocess
+import tempfile
+import time
+import unittest
+
+from host import SETTING
+
+BIN = SETTING["bin"]
+TARNREG = os.path.join(BIN, "tarnreg")
+NIMBOD = os.path.join(BIN, "nimbod")
+SHADOWD = os.path.join(BIN, "tarn-shadowd")
+CLIENT = os.path.join(BIN, "vm_register_client")
+HEADER = "number,name,type,writeable,width\n"
+
+# An emulated processor on a loaded machine: only what hangs runs into this.
+TIMEOUT = 300
+
+PROGRAM_ERROR, USAGE, UNKNOWN_NAME, REFUSED, DEVICE_ERROR, TIMED_OUT = 1, 2, 3, 4, 5, 6
+
+
+class Done:
+    """How a program ended."""
+
+    def __init__(self, done):
+        self.code = done.returncode
+        self.out = done.stdout
+        self.err = done.stderr
+
+    def __repr__(self):
+        return f"exit code {self.code}\n{self.out}{self.err}"
+
+
+def run(*command, **options):
+    return Done(subprocess.run([str(word) for word in command], stdin=subprocess.DEVNULL,
+                               capture_output=True, text=True, timeout=TIMEOUT, check=False,
+                               **options))
+
+
+def put(path, text):
+    with open(path, "w", encoding="ascii") as file:
+        file.write(text)
+
+
+def wait_for(condition, what):
+    end = time.monotonic() + TIMEOUT
+    while not condition():
+        if time.monotonic() > end:
+            raise AssertionError(f"waited in vain for {what}")
+        time.sleep(0.02)
+
+
+def bus(adapter):
+    """The number of the I2C bus whose adapter's name has these words in it."""
+    for name in glob.glob("/sys/class/i2c-adapter/i2c-*/name"):
+        with open(name, encoding="ascii") as file:
+            if adapter in file.read():
+                return int(name.split("/")[-2].removeprefix("i2c-"))
+    raise AssertionError(f"no I2C bus of {adapter}")
+
+
+class Case(unittest.TestCase):
+    """A case with a directory of its own."""
+
+    maxDiff = None
+
+    def setUp(self):
+        self.dir = tempfile.mkdtemp(prefix="case-", dir="/run")
+        self.addCleanup(shutil.rmtree, self.dir, ignore_errors=True)
+
+    def path(self, name):
+        return os.path.join(self.dir, name)
+
+    def write(self, name, content):
+        put(self.path(name), content)
+        return self.path(name)
+
+    def succeed(self, *command, **options):
+        """What a program prints that has to succeed and say nothing."""
+        done = run(*command, **options)
+        self.assertEqual((0, ""), (done.code, done.err), f"{command}: {done}")
+        return done.out
+
+    def tarnreg(self, registers, transport, *arguments):
+        """What tarnreg prints; it has to succeed. `registers` is the list's path."""
+        return self.succeed(TARNREG, "--file", registers, "--transport", transport, *arguments)
+
+    def tarnreg_fails(self, registers, transport, *arguments, code=DEVICE_ERROR):
+        """What tarnreg says on standard error; it has to fail, and to print no value."""
+        done = run(TARNREG, "--file", registers, "--transport", transport, *arguments)
+        self.assertEqual((code, ""), (done.code, done.out), f"{arguments}: {done}")
+        return done.err
+
+    def values(self, registers, transport, *names):
+        """What tarnreg reads, by name."""
+        lines = self.tarnreg(registers, transport, "read", *names).splitlines()
+        return {name: int(value, 16) for name, value in (line.split() for line in lines)}
