@@ -8,8 +8,6 @@
 
 #include "agent/UsageError.h"
 #include "board/TomlTable.h"
-#include "platform/metrics/ListenAddress.h"
-#include "platform/trace/Levels.h"
 
 namespace Agent {
 
@@ -20,22 +18,6 @@ using Board::TomlTable;
 
 constexpr std::uint64_t longest = 3'600'000; // an hour, in milliseconds
 constexpr std::uint64_t mostKept = 100'000;
-
-/// What `convert` makes of the text under `key`, if there is one.
-template <typename Value, typename Convert>
-void take(TomlTable& table, std::string_view key, const Convert& convert, Value& value) {
-   const toml::node* node = table.take(key);
-   if (!node) {
-      return;
-   }
-   const std::string text =
-      node->is_integer() ? fmt::format("{}", node->as_integer()->get()) : table.text(*node, key);
-   try {
-      value = convert(text);
-   } catch (const std::exception& error) {
-      table.fail(node->source(), error.what());
-   }
-}
 
 void takeMillis(TomlTable& table, std::string_view key, std::uint64_t least,
                 std::chrono::milliseconds& value) {
@@ -97,9 +79,7 @@ Config configOf(const toml::table& root, const Board::BoardFile& board,
       TomlTable table(path, *node->as_table(), "[shadow]");
       takeCores(table, board, config);
       takeSettings(table, config.settings);
-      take(table, "metrics", metricsAddressFrom, config.metrics);
-      take(table, "trace", traceLevelsFrom, config.traceLevels);
-      take(table, "log", logTargetFrom, config.log);
+      config.takeFrom(table);
       table.finish();
    }
    if (!arguments.cores.empty()) {
@@ -117,9 +97,7 @@ Config configOf(const toml::table& root, const Board::BoardFile& board,
                                    "of {} names one",
                                    path));
    }
-   config.metrics = arguments.metrics.value_or(config.metrics);
-   config.traceLevels = arguments.traceLevels.value_or(config.traceLevels);
-   config.log = arguments.log.value_or(config.log);
+   arguments.replaceIn(config);
    return config;
 }
 
@@ -133,29 +111,6 @@ Config configFrom(const Arguments& arguments) {
 Config configFrom(std::string_view text, const Arguments& arguments) {
    const Board::BoardFile board(text, arguments.boardFile);
    return configOf(Board::tomlFromText(text, arguments.boardFile), board, arguments);
-}
-
-std::string traceLevelsFrom(std::string_view text) {
-   if (text.size() == 1 && text[0] >= '0' && text[0] <= '9') {
-      return fmt::format("*={}", text);
-   }
-   return Platform::Trace::Levels(text).spec();
-}
-
-LogTarget logTargetFrom(std::string_view text) {
-   if (text == "stderr") {
-      return LogTarget::standardError;
-   }
-   if (text == "syslog") {
-      return LogTarget::systemLog;
-   }
-   throw std::invalid_argument(
-      fmt::format("'{}' is no place for the log: stderr, syslog", shown(text)));
-}
-
-std::string metricsAddressFrom(const std::string& text) {
-   static_cast<void>(Platform::Metrics::ListenAddress(text));
-   return text;
 }
 
 } // namespace Agent

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <string>
 #include <string_view>
 
 #include "agent/Arguments.h"
@@ -16,15 +15,5 @@ Config configFrom(const Arguments& arguments);
 
 /// The same for the text of a board file at arguments.boardFile.
 Config configFrom(std::string_view text, const Arguments& arguments);
-
-/// "3" for all sources, or levels by source as TARN_TRACE has them, in which form it comes back.
-/// Throws std::invalid_argument.
-std::string traceLevelsFrom(std::string_view text);
-
-/// "stderr" or "syslog". Throws std::invalid_argument.
-LogTarget logTargetFrom(std::string_view text);
-
-/// Checks the form "ADDRESS:PORT". Throws std::invalid_argument.
-std::string metricsAddressFrom(const std::string& text);
 
 } // namespace Agent

@@ -32,7 +32,7 @@ int fail(const std::exception& error, ExitCode exitCode) {
 /// Returns what knows why accesses failed.
 std::shared_ptr<Board::FailureSink> traceAs(const Agent::Config& config) {
    std::shared_ptr<Platform::Trace::Sink> sink;
-   if (config.log == Agent::LogTarget::systemLog) {
+   if (config.log == Board::LogTarget::systemLog) {
       sink = std::make_shared<Platform::Trace::SyslogSink>("tarn-shadowd");
    } else {
       sink = std::make_shared<Platform::Trace::StderrSink>();

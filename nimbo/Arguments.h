@@ -14,7 +14,7 @@ namespace Nimbo {
 
 /// What the command line of nimbod says. What it does not say is left to the configuration file.
 /// A plain value.
-struct Arguments {
+struct Arguments : Board::ServiceArguments {
    std::string configFile;       ///< empty for none
    std::vector<BusConfig> buses; ///< in place of the file's, unless empty
    bool simulate = false;        ///< all buses
@@ -24,10 +24,6 @@ struct Arguments {
    std::optional<std::vector<uid_t>> allowedUsers = std::nullopt;
    std::optional<std::vector<gid_t>> allowedGroups = std::nullopt;
    std::optional<std::size_t> maxConnections = std::nullopt;
-   std::optional<std::string> metrics = std::nullopt;
-   std::optional<std::string> traceLevels = std::nullopt;
-   std::optional<LogTarget> log = std::nullopt;
-   bool check = false; ///< only read the configuration
 };
 
 } // namespace Nimbo

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "board/ServiceOptions.h"
 #include "board/SimulatedBoard.h"
 #include "nimbo/BusConfig.h"
 
@@ -18,12 +19,9 @@ namespace Nimbo {
 /// socket.
 constexpr const char* statusSuffix = ".status";
 
-/// Where a program's trace goes.
-enum class LogTarget : std::uint8_t { standardError, systemLog };
-
 /// Everything that can be said about how the daemon is to run. A plain value; what ConfigSource
 /// gives has been checked as a whole.
-struct Config {
+struct Config : Board::ServiceOptions {
    std::string socketDirectory = "/var/run/platform";
    std::string socketFile = "smbus";
    mode_t socketMode = 0660;
@@ -37,10 +35,6 @@ struct Config {
 
    std::vector<BusConfig> buses;    ///< at least one
    Board::SimulatedBoard simulated; ///< has the device of each bus that is simulated
-
-   std::string metrics;     ///< address to show metrics at; empty for none
-   std::string traceLevels; ///< empty: what the environment says
-   LogTarget log = LogTarget::standardError;
 
    /// How long transactions under way have to end when the daemon is told to stop.
    std::chrono::milliseconds stopTimeout{5000};

@@ -6,9 +6,9 @@
 
 #include <fmt/format.h>
 
+#include "board/Accounts.h"
 #include "board/SimulatedBoardParser.h"
 #include "board/TomlTable.h"
-#include "nimbo/Accounts.h"
 #include "nimbo/ConfigValues.h"
 
 namespace Nimbo {
@@ -43,26 +43,11 @@ auto converted(TomlTable& table, std::string_view key, const Convert& convert)
    }
 }
 
-/// A name, or a number in quotes or without.
 template <typename Id>
-Id account(const TomlTable& table, const toml::node& node, std::string_view key,
-           Id (*from)(const std::string&)) {
-   if (!node.is_integer() && !node.is_string()) {
-      table.fail(node.source(), fmt::format("'{}' must be a name or a number", key));
-   }
-   const std::string text =
-      node.is_integer() ? fmt::format("{}", node.as_integer()->get()) : node.as_string()->get();
-   try {
-      return from(text);
-   } catch (const std::invalid_argument& error) {
-      table.fail(node.source(), shown(error.what()));
-   } catch (const std::system_error& error) {
-      table.fail(node.source(), shown(error.what()));
-   }
-}
+using AccountFrom = Id (*)(const TomlTable&, const toml::node&, std::string_view);
 
 template <typename Id>
-void takeAccounts(TomlTable& table, std::string_view key, Id (*from)(const std::string&),
+void takeAccounts(TomlTable& table, std::string_view key, AccountFrom<Id> from,
                   std::vector<Id>& ids) {
    const toml::node* node = table.take(key);
    if (!node) {
@@ -73,15 +58,15 @@ void takeAccounts(TomlTable& table, std::string_view key, Id (*from)(const std::
    }
    ids.clear();
    for (const toml::node& one : *node->as_array()) {
-      ids.push_back(account(table, one, key, from));
+      ids.push_back(from(table, one, key));
    }
 }
 
 template <typename Id>
-void takeAccount(TomlTable& table, std::string_view key, Id (*from)(const std::string&),
+void takeAccount(TomlTable& table, std::string_view key, AccountFrom<Id> from,
                  std::optional<Id>& id) {
    if (const toml::node* node = table.take(key)) {
-      id = account(table, *node, key, from);
+      id = from(table, *node, key);
    }
 }
 
@@ -98,27 +83,16 @@ void takeSocket(TomlTable& table, Config& config) {
    if (const auto mode = converted(table, "socket_mode", socketModeFrom)) {
       config.socketMode = *mode;
    }
-   takeAccount(table, "socket_owner", userFrom, config.socketOwner);
-   takeAccount(table, "socket_group", groupFrom, config.socketGroup);
-   takeAccounts(table, "allow_users", userFrom, config.allowedUsers);
-   takeAccounts(table, "allow_groups", groupFrom, config.allowedGroups);
+   takeAccount<uid_t>(table, "socket_owner", Board::userFrom, config.socketOwner);
+   takeAccount<gid_t>(table, "socket_group", Board::groupFrom, config.socketGroup);
+   takeAccounts<uid_t>(table, "allow_users", Board::userFrom, config.allowedUsers);
+   takeAccounts<gid_t>(table, "allow_groups", Board::groupFrom, config.allowedGroups);
    config.maxConnections =
       table.number("max_connections", 1, mostConnections, config.maxConnections);
 }
 
 void takeRest(TomlTable& table, Config& config) {
-   if (auto address = converted(table, "metrics", metricsAddressFrom)) {
-      config.metrics = std::move(*address);
-   }
-   // A level alone may go without quotes.
-   if (const toml::node* node = table.take("trace"); node && node->is_integer()) {
-      config.traceLevels = traceLevelsFrom(fmt::format("{}", table.number(*node, "trace", 0, 9)));
-   } else if (auto levels = converted(table, "trace", traceLevelsFrom)) {
-      config.traceLevels = std::move(*levels);
-   }
-   if (const auto log = converted(table, "log", logTargetFrom)) {
-      config.log = *log;
-   }
+   config.takeFrom(table);
    config.stopTimeout = std::chrono::milliseconds(
       table.number("stop_timeout_ms", 0, mostStopTimeout,
                    static_cast<std::uint64_t>(config.stopTimeout.count())));

@@ -102,9 +102,7 @@ Config ConfigSource::read() const {
    replace(config.allowedUsers, _arguments.allowedUsers);
    replace(config.allowedGroups, _arguments.allowedGroups);
    replace(config.maxConnections, _arguments.maxConnections);
-   replace(config.metrics, _arguments.metrics);
-   replace(config.traceLevels, _arguments.traceLevels);
-   replace(config.log, _arguments.log);
+   _arguments.replaceIn(config);
    checkSocketPath(config);
 
    if (!_arguments.buses.empty()) {

@@ -10,8 +10,6 @@
 #include "board/Number.h"
 #include "board/PciFunction.h"
 #include "board/TomlTable.h"
-#include "platform/metrics/ListenAddress.h"
-#include "platform/trace/Levels.h"
 
 namespace Nimbo {
 
@@ -57,28 +55,6 @@ std::uint32_t pciBdfFrom(std::string_view text) {
                          text));
    }
    return bdf;
-}
-
-std::string traceLevelsFrom(std::string_view text) {
-   if (text.size() == 1 && text[0] >= '0' && text[0] <= '9') {
-      return fmt::format("*={}", text);
-   }
-   return Platform::Trace::Levels(text).spec();
-}
-
-LogTarget logTargetFrom(std::string_view text) {
-   if (text == "stderr") {
-      return LogTarget::standardError;
-   }
-   if (text == "syslog") {
-      return LogTarget::systemLog;
-   }
-   refuse(fmt::format("'{}' is no place for the log: stderr, syslog", shown(text)));
-}
-
-std::string metricsAddressFrom(const std::string& text) {
-   static_cast<void>(Platform::Metrics::ListenAddress(text));
-   return text;
 }
 
 BusConfig busFrom(std::string_view text) {

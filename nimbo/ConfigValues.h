@@ -30,15 +30,6 @@ std::string socketFileFrom(const std::string& text);
 /// "0000:03:00.0", or without the domain, as requests give a PCI function.
 std::uint32_t pciBdfFrom(std::string_view text);
 
-/// "3" for all sources, or levels by source as TARN_TRACE has them, in which form it comes back.
-std::string traceLevelsFrom(std::string_view text);
-
-/// "stderr" or "syslog".
-LogTarget logTargetFrom(std::string_view text);
-
-/// Checks the form "ADDRESS:PORT".
-std::string metricsAddressFrom(const std::string& text);
-
 /// "3=/dev/i2c-7": a bus by number and device. Its name is "bus3".
 BusConfig busFrom(std::string_view text);
 

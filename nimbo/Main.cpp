@@ -28,7 +28,7 @@ int fail(const std::exception& error, ExitCode exitCode) {
 }
 
 void traceAs(const Nimbo::Config& config) {
-   if (config.log == Nimbo::LogTarget::systemLog) {
+   if (config.log == Board::LogTarget::systemLog) {
       Platform::Trace::sinkIs(std::make_shared<Platform::Trace::SyslogSink>("nimbod"));
    }
    if (!config.traceLevels.empty()) {

@@ -24,8 +24,9 @@ void check(const Config& config, bool simulate, const ConfigFile& file) {
    FUZZ_CHECK(config.socketMode <= 0777);
    FUZZ_CHECK(config.maxConnections >= 1 && config.maxConnections <= mostConnections);
    FUZZ_CHECK(config.stopTimeout.count() >= 0);
-   FUZZ_CHECK(config.metrics.empty() || metricsAddressFrom(config.metrics) == config.metrics);
-   FUZZ_CHECK(traceLevelsFrom(config.traceLevels) == config.traceLevels);
+   FUZZ_CHECK(config.metrics.empty() ||
+              Board::metricsAddressFrom(config.metrics) == config.metrics);
+   FUZZ_CHECK(Board::traceLevelsFrom(config.traceLevels) == config.traceLevels);
    FUZZ_CHECK(config.buses.size() <= mostBuses);
    std::set<std::string> names;
    for (const BusConfig& bus : config.buses) {

@@ -25,7 +25,7 @@ TEST(ShadowCommandLine, TakesEveryOption) {
    EXPECT_THAT(arguments.cores, testing::ElementsAre("a", "b"));
    EXPECT_EQ(arguments.metrics, "[::1]:9100");
    EXPECT_EQ(arguments.traceLevels, "*=3");
-   EXPECT_EQ(arguments.log, LogTarget::systemLog);
+   EXPECT_EQ(arguments.log, Board::LogTarget::systemLog);
    EXPECT_TRUE(arguments.check);
 }
 

@@ -48,7 +48,7 @@ TEST(ShadowConfig, NamesTheDevicesThatAreCores) {
    EXPECT_EQ(config.settings.keptOperations, 1024u);
    EXPECT_EQ(config.metrics, "");
    EXPECT_EQ(config.traceLevels, "");
-   EXPECT_EQ(config.log, LogTarget::standardError);
+   EXPECT_EQ(config.log, Board::LogTarget::standardError);
 }
 
 TEST(ShadowConfig, TakesEveryKey) {
@@ -63,19 +63,19 @@ TEST(ShadowConfig, TakesEveryKey) {
    EXPECT_EQ(config.settings.keptOperations, 4u);
    EXPECT_EQ(config.metrics, "9100");
    EXPECT_EQ(config.traceLevels, "*=7");
-   EXPECT_EQ(config.log, LogTarget::systemLog);
+   EXPECT_EQ(config.log, Board::LogTarget::systemLog);
 }
 
 TEST(ShadowConfig, TheCommandLineGoesFirst) {
    Arguments arguments;
    arguments.cores = {"cpld"};
    arguments.metrics = "9200";
-   arguments.log = LogTarget::standardError;
+   arguments.log = Board::LogTarget::standardError;
    const Config config =
       read("[shadow]\ncores = [\"fpga\"]\nmetrics = \"9100\"\nlog = \"syslog\"\n", arguments);
    EXPECT_THAT(names(config), testing::ElementsAre("cpld"));
    EXPECT_EQ(config.metrics, "9200");
-   EXPECT_EQ(config.log, LogTarget::standardError);
+   EXPECT_EQ(config.log, Board::LogTarget::standardError);
 }
 
 TEST(ShadowConfig, NeedsNoTableIfTheCommandLineNamesCores) {

@@ -85,7 +85,7 @@ TEST_F(NimbodCommandLine, TakesEveryOption) {
    EXPECT_EQ(arguments.maxConnections, 9u);
    EXPECT_EQ(arguments.metrics, "[::1]:9100");
    EXPECT_EQ(arguments.traceLevels, "*=5");
-   EXPECT_EQ(arguments.log, LogTarget::systemLog);
+   EXPECT_EQ(arguments.log, Board::LogTarget::systemLog);
    EXPECT_TRUE(arguments.check);
 }
 

@@ -60,7 +60,7 @@ TEST(ConfigFile, SetsEverythingThatItSays) {
    EXPECT_EQ(config.maxConnections, 12u);
    EXPECT_EQ(config.metrics, "9100");
    EXPECT_EQ(config.traceLevels, "nimbo/*=5");
-   EXPECT_EQ(config.log, LogTarget::systemLog);
+   EXPECT_EQ(config.log, Board::LogTarget::systemLog);
    EXPECT_EQ(config.stopTimeout, std::chrono::milliseconds(700));
    EXPECT_THAT(config.buses,
                ElementsAre(BusConfig{.name = "fans", .number = 3, .device = "/dev/i2c-7"}));
@@ -80,7 +80,7 @@ TEST(ConfigFile, LeavesAloneWhatItDoesNotSay) {
    EXPECT_FALSE(config.socketOwner || config.socketGroup);
    EXPECT_EQ(config.socketMode, 0660u);
    EXPECT_EQ(config.stopTimeout, std::chrono::seconds(5));
-   EXPECT_EQ(config.log, LogTarget::standardError);
+   EXPECT_EQ(config.log, Board::LogTarget::standardError);
    EXPECT_EQ(config.traceLevels, "");
 }
 

@@ -95,7 +95,7 @@ TEST_F(ConfigSourceTest, TheCommandLineComesBeforeTheFile) {
    arguments.maxConnections = 7;
    arguments.metrics = "8";
    arguments.traceLevels = "*=9";
-   arguments.log = LogTarget::standardError;
+   arguments.log = Board::LogTarget::standardError;
    config = read(text);
    EXPECT_EQ(config.socketPath(), "/a/b");
    EXPECT_EQ(config.socketMode, 0666u);
@@ -104,7 +104,7 @@ TEST_F(ConfigSourceTest, TheCommandLineComesBeforeTheFile) {
    EXPECT_EQ(config.maxConnections, 7u);
    EXPECT_EQ(config.metrics, "8");
    EXPECT_EQ(config.traceLevels, "*=9");
-   EXPECT_EQ(config.log, LogTarget::standardError);
+   EXPECT_EQ(config.log, Board::LogTarget::standardError);
 }
 
 TEST_F(ConfigSourceTest, BusesOfTheCommandLineReplaceThoseOfTheFile) {

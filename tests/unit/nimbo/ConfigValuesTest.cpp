@@ -61,27 +61,6 @@ TEST(ConfigValues, ThePciFunctionThatNoRequestCanNameIsRefused) {
                      "none"));
 }
 
-TEST(ConfigValues, ATraceLevelAloneIsForAllSources) {
-   EXPECT_EQ(traceLevelsFrom("0"), "*=0");
-   EXPECT_EQ(traceLevelsFrom("9"), "*=9");
-   EXPECT_EQ(traceLevelsFrom("nimbo/*=8, *x=off"), "nimbo/*=8,*x=off");
-   EXPECT_THROW(traceLevelsFrom("10"), std::invalid_argument);
-   EXPECT_THROW(traceLevelsFrom("a=b"), std::invalid_argument);
-}
-
-TEST(ConfigValues, TheLogGoesToOneOfTwoPlaces) {
-   EXPECT_EQ(logTargetFrom("stderr"), LogTarget::standardError);
-   EXPECT_EQ(logTargetFrom("syslog"), LogTarget::systemLog);
-   EXPECT_EQ(Failure([] { logTargetFrom("file"); }),
-             refused("'file' is no place for the log: stderr, syslog"));
-}
-
-TEST(ConfigValues, AMetricsAddressIsCheckedAndComesBackAsItWas) {
-   EXPECT_EQ(metricsAddressFrom("[::1]:9100"), "[::1]:9100");
-   EXPECT_EQ(metricsAddressFrom("9100"), "9100");
-   EXPECT_THROW(metricsAddressFrom("example.org:9100"), std::invalid_argument);
-}
-
 TEST(ConfigValues, ABusIsANumberAndADevice) {
    const BusConfig bus = busFrom("3=/dev/i2c-7");
    EXPECT_EQ(bus.number, 3);

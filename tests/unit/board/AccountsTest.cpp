@@ -1,4 +1,4 @@
-#include "nimbo/Accounts.h"
+#include "board/Accounts.h"
 
 #include <stdexcept>
 
@@ -6,7 +6,7 @@
 
 #include "tests/support/Failure.h"
 
-namespace Nimbo {
+namespace Board {
 namespace {
 
 using TestSupport::Failure;
@@ -37,4 +37,4 @@ TEST(Accounts, TheNumberThatLeavesThingsAsTheyAreIsNobodys) {
 }
 
 } // namespace
-} // namespace Nimbo
+} // namespace Board

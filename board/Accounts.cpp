@@ -1,4 +1,4 @@
-#include "nimbo/Accounts.h"
+#include "board/Accounts.h"
 
 #include <grp.h>
 #include <pwd.h>
@@ -8,13 +8,14 @@
 #include <limits>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <vector>
 
 #include <fmt/format.h>
 
 #include "platform/entity/Errors.h"
 
-namespace Nimbo {
+namespace Board {
 
 namespace {
 
@@ -52,6 +53,23 @@ const Entry* find(const std::string& name, LookUp lookUp, Entry& entry, std::vec
    }
 }
 
+template <typename Id>
+Id account(const TomlTable& table, const toml::node& node, std::string_view key,
+           Id (*from)(const std::string&)) {
+   if (!node.is_integer() && !node.is_string()) {
+      table.fail(node.source(), fmt::format("'{}' must be a name or a number", key));
+   }
+   const std::string text =
+      node.is_integer() ? fmt::format("{}", node.as_integer()->get()) : node.as_string()->get();
+   try {
+      return from(text);
+   } catch (const std::invalid_argument& error) {
+      table.fail(node.source(), shown(error.what()));
+   } catch (const std::system_error& error) {
+      table.fail(node.source(), shown(error.what()));
+   }
+}
+
 } // namespace
 
 uid_t userFrom(const std::string& text) {
@@ -78,4 +96,12 @@ gid_t groupFrom(const std::string& text) {
    return entry.gr_gid;
 }
 
-} // namespace Nimbo
+uid_t userFrom(const TomlTable& table, const toml::node& node, std::string_view key) {
+   return account<uid_t>(table, node, key, userFrom);
+}
+
+gid_t groupFrom(const TomlTable& table, const toml::node& node, std::string_view key) {
+   return account<gid_t>(table, node, key, groupFrom);
+}
+
+} // namespace Board
