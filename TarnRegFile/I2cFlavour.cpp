@@ -74,6 +74,10 @@ std::uint32_t readDataBlock(int fd, const HardwareRegister& reg) {
    if (smbusTransfer(fd, I2C_SMBUS_READ, command, I2C_SMBUS_I2C_BLOCK_DATA, data) < 0) {
       Platform::throwErrno(fmt::format(readText, reg.address, fd));
    }
+   if (data.block[0] < valueSize) {
+      errno = EIO; // the device stopped early: what is missing is not zeros
+      Platform::throwErrno(fmt::format(readText, reg.address, fd));
+   }
 
    std::uint32_t word = 0;
    for (unsigned int i = 0; i < valueSize; ++i) {

@@ -364,6 +364,20 @@ TEST_F(I2cTransport, AFailedDataReadIsReportedAndGivesTheLockBack) {
    EXPECT_FALSE(kernel.isLocked());
 }
 
+TEST_F(I2cTransport, AReadThatEndsEarlyIsNoValueWithZerosAtItsEnd) {
+   const auto transport = block();
+   for (std::size_t length = 0; length < 4; ++length) {
+      kernel.bytes.assign(length, 0x11);
+      EXPECT_EQ(Failure([&] { transport->regRead("WIDE"); }),
+                Failure::system(
+                   EIO, fmt::format("Error reading from address 0x1234 on FD {}", transport->fd())))
+         << length << " bytes";
+      EXPECT_FALSE(kernel.isLocked());
+   }
+   kernel.bytes.assign(4, 0x11);
+   EXPECT_EQ(transport->regRead("WIDE"), 0x11111111u);
+}
+
 TEST_F(I2cTransport, AFailedBlockWriteIsReportedAndGivesTheLockBack) {
    const auto transport = block();
    kernel.errors = {EIO};
