@@ -99,3 +99,88 @@ class Case(unittest.TestCase):
         """What tarnreg reads, by name."""
         lines = self.tarnreg(registers, transport, "read", *names).splitlines()
         return {name: int(value, 16) for name, value in (line.split() for line in lines)}
+
+
+def load(module, *options):
+    done = run("modprobe", module, *options)
+    if done.code != 0:
+        raise AssertionError(f"modprobe {module}: {done}")
+
+
+class Driver:
+    """A driver of the kernel that has a chip, for as long as the context lasts."""
+
+    def __init__(self, number, module, chip):
+        self.folder = f"/sys/bus/i2c/devices/i2c-{number}"
+        self.driver = f"/sys/bus/i2c/devices/{number}-{chip:04x}/driver"
+        self.module, self.chip = module, chip
+
+    def __enter__(self):
+        load(self.module)
+        put(f"{self.folder}/new_device", f"{self.module} {self.chip:#x}")
+        wait_for(lambda: os.path.exists(self.driver), f"{self.module} to take {self.chip:#x}")
+        return self
+
+    def __exit__(self, *_):
+        put(f"{self.folder}/delete_device", f"{self.chip:#x}")
+
+
+class Background:
+    """A program that runs while others do; `log` is the file that has all it says."""
+
+    def __init__(self, case, *command, env=None):
+        self.log = case.path(f"{os.path.basename(command[0])}.log")
+        with open(self.log, "ab") as log:
+            self.process = subprocess.Popen(
+                [str(word) for word in command], stdin=subprocess.DEVNULL, stdout=log,
+                stderr=log, env={**os.environ, **(env or {})})
+        case.addCleanup(self.kill)
+
+    def says(self, text):
+        with open(self.log, encoding="utf-8") as file:
+            return text in file.read()
+
+    def said(self):
+        with open(self.log, encoding="utf-8") as file:
+            return file.read()
+
+    def runs(self):
+        return self.process.poll() is None
+
+    def wait_until(self, condition, what):
+        wait_for(lambda: condition() or not self.runs(), what)
+        if not self.runs():
+            raise AssertionError(f"exit code {self.process.returncode}: {self.said()}")
+
+    def stop(self):
+        """The exit code, after it was told to go."""
+        self.process.terminate()
+        return self.process.wait(TIMEOUT)
+
+    def kill(self):
+        if self.runs():
+            self.process.kill()
+            self.process.wait()
+
+
+class Daemon:
+    """nimbod with one bus; the context is its life."""
+
+    def __init__(self, case, number, node):
+        self.case, self.number = case, number
+        self.directory = case.path("nimbod")
+        self.socket = os.path.join(self.directory, "smbus")
+        self.program = Background(case, NIMBOD, "--bus", f"{number}={node}", "--socket-dir",
+                                  self.directory)
+
+    def __enter__(self):
+        self.program.wait_until(lambda: os.path.exists(self.socket), "nimbod's socket")
+        return self
+
+    def __exit__(self, kind, *_):
+        code = self.program.stop()
+        if kind is None:
+            self.case.assertEqual(0, code, self.program.said())
+
+    def url(self, chip):
+        return f"smbus:{self.number}@{chip:#x}?socket={self.socket}"
