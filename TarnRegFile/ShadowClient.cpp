@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -11,9 +10,7 @@
 
 #include "platform/entity/EventLoop.h"
 #include "platform/entity/Timer.h"
-#include "platform/tables/CorruptionException.h"
-#include "platform/tables/Table.h"
-#include "platform/tables/TableService.h"
+#include "TarnRegFile/CoreClientTable.h"
 #include "TarnRegFile/ShadowError.h"
 
 namespace TarnRegFile::Sable {
@@ -21,18 +18,12 @@ namespace TarnRegFile::Sable {
 namespace {
 
 using Kind = ShadowError::Kind;
-using Platform::Tables::CorruptionException;
-using Platform::Tables::MountStatus;
-using Platform::Tables::TableRole;
 using Value = std::optional<std::uint32_t>;
-using Table = Platform::Tables::Table<CoreRegister>;
 
 constexpr const char* unknownRegister = "core '{}' has no register '{}'";
 constexpr const char* noValue = "core '{}' is not ready: nothing is known of register '{}' yet";
 constexpr const char* notWritable = "register '{}' of core '{}' is not writable";
-constexpr const char* notPermitted = "core '{}': {}";
-constexpr const char* timedOut = "core '{}' did not set register '{}' to {:#x} in time";
-constexpr const char* damaged = "core '{}': {}";
+constexpr const char* timedOut = "core '{}' did not set register '{}' to {:#x} in time: {}";
 
 /// How often a table that is not there yet is looked for.
 constexpr std::chrono::milliseconds lookInterval{50};
@@ -65,41 +56,42 @@ struct Follower {
 } // namespace
 
 /// Kept by the client and by a telling under way, which the client need not survive.
-class ShadowClient::Impl : public std::enable_shared_from_this<Impl>, private Table::Owner {
+class ShadowClient::Impl : public std::enable_shared_from_this<Impl> {
 public:
    Impl(Platform::EventLoop& ownLoop, Platform::Tables::TableService& service, const String& core,
         const Ptr<HardwareRegisterFile>& list)
-      : loop(ownLoop), coreName(core), registers(list), _service(service),
-        _status(core + "/status", *this), _config(core + "/config", _wishes),
-        _looking(ownLoop, [this] { _look(); }) {}
-   virtual ~Impl() = default;
+      : loop(ownLoop), coreName(core), registers(list), monitor(ownLoop, service, core),
+        _status(service, core, "status", [this](CoreRegisterKey key) { _changed(key); }),
+        _config(service, core, "config"), _looking(ownLoop, [this] { _look(); }) {}
 
    /// The client's end: tells nobody any more.
    void close() {
       _closed = true;
       _followers.clear();
       _looking.cancel();
-      _status.unmount();
-      _config.unmount();
+      _status.close();
+      _config.close();
    }
-
-   Value held(CoreRegisterKey key) { return mountStatus() ? _valueIn(_status, key) : std::nullopt; }
 
    /// Whether the table of status is there.
-   bool mountStatus() { return _mounted(_status, TableRole::reader, false); }
+   bool hasStatus() { return _status.exists(); }
 
-   Value wished(CoreRegisterKey key) {
-      return _mounted(_config, TableRole::reader, false) ? _valueIn(_config, key) : std::nullopt;
+   Value held(CoreRegisterKey key) { return _valueIn(_status, key); }
+   Value wished(CoreRegisterKey key) { return _valueIn(_config, key); }
+
+   /// Whether all of it is held by a core that is ready. See CoreMonitor for why it is asked so.
+   bool isHeld(std::span<const CoreRegister> wanted) {
+      const auto isInStatus = [&] {
+         return std::all_of(wanted.begin(), wanted.end(), [&](const CoreRegister& one) {
+            return held(one.key()) == one.value();
+         });
+      };
+      // To look at the tables costs little, at the owner more: it comes when there is hope.
+      return isInStatus() && monitor.isReadyAnd(isInStatus);
    }
 
-   void wishIs(const CoreRegister& wish) {
-      _change([&] { _config.put(wish); });
-   }
-
-   bool wishDel(CoreRegisterKey key) {
-      // Without a wish there is nothing to be allowed to change.
-      return wished(key) && _change([&] { return _config.del(key).has_value(); });
-   }
+   void wishIs(const CoreRegister& wish) { _config.put(wish); }
+   bool wishDel(CoreRegisterKey key) { return _config.del(key).has_value(); }
 
    const HardwareRegister& record(std::string_view regName) const {
       const HardwareRegister* const found = registers->findRegister(regName);
@@ -111,15 +103,13 @@ public:
 
    Following follow(Follower follower) {
       const auto kept = std::make_shared<Follower>(std::move(follower));
-      if (!mountStatus()) {
+      if (!hasStatus()) {
          _looking.startIn(lookInterval);
       } else if (kept->key) {
          kept->isNews(*kept->key, held(*kept->key));
       } else {
-         _guarded(_status, [&] {
-            _status.forEach(
-               [&](const CoreRegister& found) { kept->isNews(found.key(), found.value()); });
-         });
+         _status.forEach(
+            [&](const CoreRegister& found) { kept->isNews(found.key(), found.value()); });
       }
       std::erase_if(_followers, [](const auto& one) { return one.expired(); });
       _followers.push_back(kept);
@@ -127,9 +117,9 @@ public:
    }
 
    String damage() const {
-      for (const Table* table : {&_status, &_config}) {
-         if (table->mountStatus() == MountStatus::corrupted) {
-            return table->statusText();
+      for (const String& one : {_status.damage(), _config.damage(), monitor.damage()}) {
+         if (!one.empty()) {
+            return one;
          }
       }
       return "";
@@ -138,73 +128,14 @@ public:
    Platform::EventLoop& loop;
    const String coreName;
    const Ptr<HardwareRegisterFile> registers;
+   CoreMonitor monitor;
 
 private:
-   /// Wishes of other clients are only looked at.
-   struct Wishes : Table::Owner {
-      virtual ~Wishes() = default;
-      void tableChanged(const CoreRegisterKey&) override {}
-      void tableMountStatusChanged() override {}
-      void tableQuiescedChanged(bool) override {}
-   };
+   using Table = CoreClientTable<CoreRegister>;
 
-   /// Does `work` with a table, and says what goes wrong in this class's way.
-   template <typename Work>
-   auto _guarded(Table& table, const Work& work) -> decltype(work()) {
-      try {
-         return work();
-      } catch (const CorruptionException& corruption) {
-         if (table.mountStatus() != MountStatus::corrupted) {
-            table.handleCorruption(corruption.what());
-         }
-         throw ShadowError(Kind::damaged, fmt::format(damaged, coreName, corruption.what()));
-      } catch (const std::system_error& error) {
-         if (error.code() == std::errc::permission_denied ||
-             error.code() == std::errc::read_only_file_system) {
-            throw ShadowError(Kind::notPermitted,
-                              fmt::format(notPermitted, coreName, error.what()));
-         }
-         throw;
-      }
-   }
-
-   /// Mounts a table, if it is not; false if there is none.
-   bool _mounted(Table& table, TableRole role, bool create) {
-      if (table.tableMount()) [[likely]] {
-         return true;
-      }
-      if (_closed) {
-         return false;
-      }
-      return _guarded(table, [&] {
-         try {
-            table.mount(_service, {.role = role, .create = create});
-         } catch (const std::system_error& error) {
-            if (error.code() != std::errc::no_such_file_or_directory) {
-               throw;
-            }
-            return false;
-         }
-         return true;
-      });
-   }
-
-   Value _valueIn(Table& table, CoreRegisterKey key) {
-      return _guarded(table, [&]() -> Value {
-         const std::optional<CoreRegister> found = table.get(key);
-         return found ? Value(found->value()) : std::nullopt;
-      });
-   }
-
-   /// Does `change` with the table of wishes mounted as a writer.
-   template <typename Change>
-   auto _change(const Change& change) -> decltype(change()) {
-      if (_config.role() != TableRole::writer) {
-         // It is no loss if this fails: whoever wants to look mounts it as a reader again.
-         _config.unmount();
-         _guarded(_config, [&] { _config.mount(_service, {.role = TableRole::writer}); });
-      }
-      return _guarded(_config, change);
+   static Value _valueIn(Table& table, CoreRegisterKey key) {
+      const std::optional<CoreRegister> found = table.get(key);
+      return found ? Value(found->value()) : std::nullopt;
    }
 
    /// For those who wait for changes of a table that is not there yet.
@@ -214,14 +145,16 @@ private:
                       [](const auto& one) { return one.expired(); })) {
          return;
       }
-      if (!mountStatus()) {
+      if (!hasStatus()) {
          _looking.startIn(lookInterval);
          return;
       }
+      std::vector<CoreRegisterKey> keys;
+      _status.forEach([&](const CoreRegister& found) { keys.push_back(found.key()); });
       std::exception_ptr first;
-      for (const CoreRegisterKey key : _guarded(_status, [&] { return _status.keys(); })) {
+      for (const CoreRegisterKey key : keys) {
          try {
-            tableChanged(key);
+            _changed(key);
          } catch (...) {
             first = first ? first : std::current_exception();
          }
@@ -231,8 +164,7 @@ private:
       }
    }
 
-   void tableChanged(const CoreRegisterKey& changed) override {
-      const CoreRegisterKey key = changed;
+   void _changed(CoreRegisterKey key) {
       const std::shared_ptr<Impl> self = shared_from_this();
       const auto followers = _followers;
       std::exception_ptr first;
@@ -244,11 +176,11 @@ private:
          const String* const regName =
             follower->key ? &follower->regName : registers->findName(key.address());
          // Any handler may have closed the client, or met damage.
-         if (!regName || !_status.tableMount()) {
+         if (!regName || _closed || !_status.isMounted()) {
             continue;
          }
          try {
-            if (const Value value = _valueIn(_status, key); follower->isNews(key, value)) {
+            if (const Value value = held(key); follower->isNews(key, value)) {
                follower->handler(*regName, value);
             }
          } catch (...) {
@@ -259,11 +191,7 @@ private:
          std::rethrow_exception(first);
       }
    }
-   void tableMountStatusChanged() override {}
-   void tableQuiescedChanged(bool) override {}
 
-   Platform::Tables::TableService& _service;
-   Wishes _wishes;
    Table _status;
    Table _config;
    std::vector<std::weak_ptr<Follower>> _followers;
@@ -274,7 +202,7 @@ private:
 ShadowClient::ShadowClient(Platform::EventLoop& loop, Platform::Tables::TableService& service,
                            const String& coreName, const Ptr<HardwareRegisterFile>& registers)
    : _impl(std::make_shared<Impl>(loop, service, coreName, registers)) {
-   _impl->mountStatus();
+   _impl->hasStatus();
 }
 
 ShadowClient::~ShadowClient() {
@@ -304,6 +232,14 @@ std::uint32_t ShadowClient::read(std::uint32_t address) const {
    throw ShadowError(
       Kind::noValue,
       fmt::format(noValue, coreName(), regName ? *regName : fmt::format("{:#x}", address)));
+}
+
+CoreMonitor& ShadowClient::monitor() noexcept {
+   return _impl->monitor;
+}
+
+const CoreMonitor& ShadowClient::monitor() const noexcept {
+   return _impl->monitor;
 }
 
 Value ShadowClient::value(std::string_view regName) const {
@@ -337,21 +273,17 @@ bool ShadowClient::wishDel(std::string_view regName) {
 bool ShadowClient::waitUntilHeld(std::span<const CoreRegister> wished,
                                  std::chrono::nanoseconds timeout) const {
    const std::shared_ptr<Impl> impl = _impl; // a handler may end the client
-   return impl->loop.runUntil(
-      [&] {
-         return std::all_of(wished.begin(), wished.end(), [&](const CoreRegister& one) {
-            return impl->held(one.key()) == one.value();
-         });
-      },
-      timeout);
+   return impl->loop.runUntil([&] { return impl->isHeld(wished); }, timeout);
 }
 
 void ShadowClient::write(std::string_view regName, std::uint32_t value,
                          std::chrono::nanoseconds timeout) {
+   const std::shared_ptr<Impl> impl = _impl; // a handler may end the client
    wishIs(regName, value);
-   const CoreRegister wished(CoreRegisterKey(_impl->record(regName).address), value);
+   const CoreRegister wished(CoreRegisterKey(impl->record(regName).address), value);
    if (!waitUntilHeld({&wished, 1}, timeout)) {
-      throw ShadowError(Kind::timedOut, fmt::format(timedOut, coreName(), regName, value));
+      throw ShadowError(Kind::timedOut, fmt::format(timedOut, impl->coreName, regName, value,
+                                                    impl->monitor.summary()));
    }
 }
 

@@ -8,6 +8,7 @@
 #include <span>
 #include <string_view>
 
+#include "TarnRegFile/CoreMonitor.h"
 #include "TarnRegFile/CoreRegister.h"
 #include "TarnRegFile/Export.h"
 #include "TarnRegFile/Types.h"
@@ -26,9 +27,13 @@ namespace TarnRegFile::Sable {
 /// to hold, and changes of the former. Reads the shared table CORE/status, writes CORE/config, and
 /// never touches the hardware.
 ///
+/// Reading gives what the table has, which stays when the device is lost or the owner ends; the
+/// monitor() says how much that is worth. Waiting is for what the core holds while it is ready.
+///
 ///    ShadowClient fpga(loop, service, "fpga", registers);
 ///    fpga.read("FPGA_ID");
 ///    fpga.write("SCRATCH", 5, std::chrono::seconds(1));
+///    if (!fpga.monitor().isReady()) { ... } // FPGA_ID is of a generation that has ended
 ///
 /// Only reading is needed to read: the table of wishes is mounted as a writer, and made if there is
 /// none, with the first wish. The table of status is the owner's to make; until it has, there are
@@ -52,8 +57,14 @@ public:
    const String& coreName() const noexcept;
    const Ptr<HardwareRegisterFile>& registers() const noexcept;
 
-   /// What the register holds. Allocates nothing unless it throws: unknownRegister, noValue,
-   /// damaged.
+   /// How the core is: ready or not, whether its owner lives, and a new generation on demand. The
+   /// client's own, for as long as that is there.
+   CoreMonitor& monitor() noexcept;
+   const CoreMonitor& monitor() const noexcept;
+
+   /// What the register holds, or held last if the core is not ready: whoever needs to know asks
+   /// the monitor() first, which costs a few microseconds, or follows it. Allocates nothing unless
+   /// it throws: unknownRegister, noValue, damaged.
    std::uint32_t read(std::string_view regName) const;
 
    /// The same by address; the register list is not asked.
@@ -75,15 +86,19 @@ public:
    /// Throws as wishIs().
    bool wishDel(std::string_view regName);
 
-   /// Runs the loop until every one of `wished` is held at a time, which gives true, or until
-   /// `timeout` has passed or the loop is stopped, which gives false. Looks before it waits. May be
-   /// called in a handler of the loop.
+   /// Runs the loop until every one of `wished` is held at a time by a core that is ready, which
+   /// gives true, or until `timeout` has passed or the loop is stopped, which gives false. Looks
+   /// before it waits. May be called in a handler of the loop.
    ///
-   /// A value counts as held as soon as the owner says so, which is when it has sent the write.
+   /// What is left of a generation that has ended, or of an owner that has, does not count: the
+   /// device may have forgotten it. A value counts as held as soon as the owner says so, which is
+   /// when it has sent the write; if that fails the value is taken back a moment later. Who needs
+   /// to know what became of each write uses an OrderedClient. Throws ShadowError: notPermitted if
+   /// this user may not read how the core is, damaged.
    bool waitUntilHeld(std::span<const CoreRegister> wished, std::chrono::nanoseconds timeout) const;
 
-   /// wishIs(), and waits until the register holds the value. Throws ShadowError timedOut when it
-   /// did not in time; the wish stands.
+   /// wishIs(), and waits until the register holds the value, as waitUntilHeld() does. Throws
+   /// ShadowError timedOut when it did not in time, with the monitor's summary; the wish stands.
    void write(std::string_view regName, std::uint32_t value, std::chrono::nanoseconds timeout);
 
    /// Told of a register: its name, and what it holds now; none when that is not known any more.

@@ -1,6 +1,6 @@
-// Plays the owner of a core's hardware: has the tables CORE/config and CORE/status mounted, and
-// holds what is wished, until standard input ends. ADDRESS=VALUE are what the registers hold at
-// first; an ADDRESS alone is that of a register that takes no wishes.
+// Plays the owner of a core's hardware: has the tables CORE/config and CORE/status mounted, shows
+// that the core is ready, and holds what is wished, until standard input ends. ADDRESS=VALUE are
+// what the registers hold at first; an ADDRESS alone is that of a register that takes no wishes.
 
 #include <unistd.h>
 
@@ -15,6 +15,7 @@
 #include "platform/tables/TableService.h"
 #include "TarnRegFile/ShadowRegisterConfig.h"
 #include "TarnRegFile/ShadowRegisterStatus.h"
+#include "tests/support/OwnerStandIn.h"
 
 int main(int argc, char** argv) {
    using namespace TarnRegFile::Sable;
@@ -60,6 +61,7 @@ int main(int argc, char** argv) {
          }
       });
    config->regMap().forEach(hold);
+   const TestSupport::OwnerStandIn standIn(service, core);
    std::cout << "ready" << std::endl;
    bool ended = false;
    Platform::FdWatch input(loop, STDIN_FILENO, {.read = true}, [&](auto) {

@@ -17,6 +17,7 @@
 #include "TarnRegFile/PciTransportDescriptor.h"
 #include "TarnRegFile/SableCoreSm.h"
 #include "tests/support/JournalPciAccess.h"
+#include "tests/support/Registers.h"
 #include "tests/support/RegisterSpace.h"
 #include "tests/support/TempDir.h"
 
@@ -95,14 +96,7 @@ protected:
    }
 
    void registerIs(const std::string& name, std::uint32_t address, bool writable = true) {
-      Hardware::HardwareRegister record;
-      record.name = name;
-      record.address = address;
-      record.width = 32;
-      record.arraySize = 1;
-      record.writable = writable;
-      file->nameToRegMapIs(name, record);
-      file->addrToNameMapIs(address, name);
+      TestSupport::registerIs(*file, name, address, writable);
    }
 
    /// The model, with the registers that there are by now.

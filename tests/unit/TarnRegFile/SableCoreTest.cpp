@@ -6,31 +6,22 @@
 #include "platform/entity/TypeData.h"
 #include "platform/trace/CaptureScope.h"
 #include "tests/support/Failure.h"
+#include "tests/support/Registers.h"
 
 namespace TarnRegFile::Sable {
 namespace {
 
 using testing::ElementsAre;
 using TestSupport::Failure;
-
-void add(const Ptr<HardwareRegisterFile>& file, const String& name, std::uint32_t address,
-         bool writable = true) {
-   HardwareRegister record;
-   record.name = name;
-   record.address = address;
-   record.width = 32;
-   record.writable = writable;
-   file->nameToRegMapIs(name, record);
-   file->addrToNameMapIs(address, name);
-}
+using TestSupport::registerIs;
 
 class OtherDescriptor : public Hardware::TransportDescriptorBase {};
 
 TEST(SableCore, HasTheRegistersOfTheListInTheOrderOfTheirAddresses) {
    const auto file = Hardware::hardwareRegisterFileFactory("list");
-   add(file, "SCRATCH", 8);
-   add(file, "ID", 0, false);
-   add(file, "CTRL", 4);
+   registerIs(*file, "SCRATCH", 8);
+   registerIs(*file, "ID", 0, false);
+   registerIs(*file, "CTRL", 4);
    const auto descriptor = mockTransportDescriptorFactory();
    const auto core = sableCoreFactory("core0", file, descriptor);
    EXPECT_THAT(core->registerDescNames(), ElementsAre("ID", "CTRL", "SCRATCH"));
@@ -44,11 +35,11 @@ TEST(SableCore, HasTheRegistersOfTheListInTheOrderOfTheirAddresses) {
 
 TEST(SableCore, OneNameStandsForAnAddress) {
    const auto file = Hardware::hardwareRegisterFileFactory("list");
-   add(file, "AA", 4);
-   add(file, "ZZ", 4);
-   add(file, "MM", 4, false);
+   registerIs(*file, "AA", 4);
+   registerIs(*file, "ZZ", 4);
+   registerIs(*file, "MM", 4, false);
    file->addrToNameMapIs(4, "ZZ");
-   add(file, "B", 8);
+   registerIs(*file, "B", 8);
    Platform::Trace::CaptureScope traces("TarnRegFile/SableCore=1");
    const auto core = sableCoreFactory("core0", file, mockTransportDescriptorFactory());
    EXPECT_THAT(core->registerDescNames(), ElementsAre("ZZ", "B"));

@@ -10,10 +10,13 @@
 #include <utility>
 
 #include "TarnRegFile/ShadowError.h"
+#include "tests/support/OwnerStandIn.h"
+#include "tests/support/Registers.h"
 #include "tests/unit/TarnRegFile/RegisterTables.h"
 
 using namespace RegisterTables;
 using Kind = ShadowError::Kind;
+using TestSupport::OwnerStandIn;
 using Told = std::vector<std::pair<std::string, std::optional<std::uint32_t>>>;
 
 namespace {
@@ -25,18 +28,8 @@ constexpr std::chrono::milliseconds aMoment{20};
 
 Ptr<Hardware::HardwareRegisterFile> registersNew() {
    const auto file = Hardware::hardwareRegisterFileFactory("fpga");
-   const auto add = [&](const char* name, std::uint32_t address, bool writable) {
-      Hardware::HardwareRegister record;
-      record.name = name;
-      record.address = address;
-      record.width = 32;
-      record.arraySize = 1;
-      record.writable = writable;
-      file->nameToRegMapIs(name, record);
-      file->addrToNameMapIs(address, name);
-   };
-   add("FPGA_ID", idAddress, false);
-   add("SCRATCH", scratchAddress, true);
+   TestSupport::registerIs(*file, "FPGA_ID", idAddress, false);
+   TestSupport::registerIs(*file, "SCRATCH", scratchAddress);
    return file;
 }
 
@@ -53,7 +46,8 @@ std::pair<Kind, std::string> errorOf(const std::function<void()>& action) {
 
 /// Carries out what is wished, as the owner of the hardware does.
 struct Owner {
-   explicit Owner(Side& side) : status(side, "fpga/status"), config(side, "fpga/config") {
+   explicit Owner(Side& side)
+      : standIn(side.service, "fpga"), status(side, "fpga/status"), config(side, "fpga/config") {
       serving = Platform::subscribe(
          *config.entity, ShadowRegisterConfig::regMapAttr, [this](const Platform::Change& change) {
             if (const auto wish = config.table().get(change.key.as<CoreRegisterKey>())) {
@@ -63,6 +57,7 @@ struct Owner {
       // What was wished before.
       config.table().forEach([this](const CoreRegister& wish) { status.entity->regMapIs(wish); });
    }
+   OwnerStandIn standIn;
    Mounted<ShadowStatus> status;
    Mounted<ShadowConfig> config;
    Platform::Subscription serving;
@@ -206,6 +201,7 @@ TEST_F(ShadowClientTest, WriteReturnsWhenTheOwnerHoldsTheValue) {
 }
 
 TEST_F(ShadowClientTest, WriteOfTheHeldValueNeedsNoTime) {
+   const OwnerStandIn standIn(side.service, "fpga");
    Mounted<ShadowStatus> status(side, "fpga/status");
    status.is(scratchAddress, 2);
    const auto client = clientNew();
@@ -214,12 +210,14 @@ TEST_F(ShadowClientTest, WriteOfTheHeldValueNeedsNoTime) {
 }
 
 TEST_F(ShadowClientTest, WriteThatNobodyCarriesOutTimesOutAndTheWishStands) {
+   const OwnerStandIn standIn(side.service, "fpga");
    Mounted<ShadowStatus> status(side, "fpga/status");
    status.is(scratchAddress, 1);
    const auto client = clientNew();
    EXPECT_EQ(errorOf([&] { client->write("SCRATCH", 0x20, aMoment); }),
              std::pair(Kind::timedOut,
-                       std::string("core 'fpga' did not set register 'SCRATCH' to 0x20 in time")));
+                       std::string("core 'fpga' did not set register 'SCRATCH' to 0x20 in time: "
+                                   "it is ready")));
    EXPECT_EQ(client->wish("SCRATCH"), 0x20u);
    EXPECT_EQ(client->read("SCRATCH"), 1u);
 }
@@ -237,6 +235,7 @@ TEST_F(ShadowClientTest, WriteFromAHandlerOfTheLoopWaitsToo) {
 }
 
 TEST_F(ShadowClientTest, WaitsForSeveralAtATime) {
+   const OwnerStandIn standIn(side.service, "fpga");
    Mounted<ShadowStatus> status(side, "fpga/status");
    const auto client = clientNew();
    const CoreRegister wanted[] = {CoreRegister(CoreRegisterKey(idAddress), 1),
@@ -246,6 +245,78 @@ TEST_F(ShadowClientTest, WaitsForSeveralAtATime) {
    side.loop.post([&] { status.is(scratchAddress, 2); });
    EXPECT_TRUE(client->waitUntilHeld(wanted, forever));
    EXPECT_TRUE(client->waitUntilHeld({}, std::chrono::seconds(0)));
+}
+
+TEST_F(ShadowClientTest, WhatIsLeftOfAGenerationThatHasEndedIsNotHeld) {
+   Owner owner(side);
+   owner.status.is(scratchAddress, 2);
+   const auto client = clientNew();
+   const CoreRegister wanted[] = {CoreRegister(CoreRegisterKey(scratchAddress), 2)};
+   EXPECT_TRUE(client->waitUntilHeld(wanted, aMoment));
+   using TarnRegFile::Sable::CorePhase;
+   for (const CorePhase phase : {CorePhase::starting, CorePhase::waiting, CorePhase::probing,
+                                 CorePhase::syncing, CorePhase::stopped}) {
+      owner.standIn.phaseIs(phase);
+      EXPECT_FALSE(client->waitUntilHeld(wanted, std::chrono::seconds(0))) << phase;
+   }
+   EXPECT_EQ(client->read("SCRATCH"), 2u); // which the monitor tells the worth of
+   EXPECT_FALSE(client->monitor().isReady());
+   owner.standIn.readyIs(2);
+   EXPECT_TRUE(client->waitUntilHeld(wanted, aMoment));
+}
+
+TEST_F(ShadowClientTest, WhatAnOwnerThatHasGoneHeldLastIsNotHeld) {
+   Owner owner(side);
+   const auto client = clientNew();
+   owner.standIn.state.lastError = "it was fine";
+   owner.standIn.show();
+   owner.standIn.die();
+   EXPECT_EQ(errorOf([&] { client->write("SCRATCH", 7, aMoment); }),
+             std::pair(Kind::timedOut,
+                       std::string("core 'fpga' did not set register 'SCRATCH' to 0x7 in time: its "
+                                   "owner does not run any more; its last error: it was fine")));
+   EXPECT_TRUE(owner.status.has(scratchAddress, 7));
+   EXPECT_EQ(client->wish("SCRATCH"), 7u);
+   owner.standIn.live();
+   client->write("SCRATCH", 7, forever);
+}
+
+TEST_F(ShadowClientTest, WithoutAnOwnerThatShowsItselfNothingIsHeld) {
+   Mounted<ShadowStatus> status(side, "fpga/status");
+   status.is(scratchAddress, 2);
+   const auto client = clientNew();
+   EXPECT_EQ(errorOf([&] { client->write("SCRATCH", 2, aMoment); }),
+             std::pair(Kind::timedOut,
+                       std::string("core 'fpga' did not set register 'SCRATCH' to 0x2 in time: no "
+                                   "owner of it has shown itself")));
+}
+
+TEST_F(ShadowClientTest, AWaitEndsWhenTheDeviceIsBackAndHoldsTheValue) {
+   Owner owner(side);
+   owner.status.is(scratchAddress, 3);
+   const auto client = clientNew();
+   owner.standIn.phaseIs(TarnRegFile::Sable::CorePhase::waiting);
+   const CoreRegister wanted[] = {CoreRegister(CoreRegisterKey(scratchAddress), 3)};
+   // What a new generation does: the old is forgotten, what is there now is read.
+   side.loop.post([&] {
+      owner.standIn.phaseIs(TarnRegFile::Sable::CorePhase::syncing);
+      owner.status.del(scratchAddress);
+      owner.status.is(scratchAddress, 0);
+      side.loop.post([&] {
+         owner.standIn.readyIs(2);
+         side.loop.post([&] { owner.status.is(scratchAddress, 3); });
+      });
+   });
+   EXPECT_TRUE(client->waitUntilHeld(wanted, forever));
+   EXPECT_EQ(client->monitor().state()->generation, 2u);
+}
+
+TEST_F(ShadowClientTest, TheEndOfTheClientEndsItsWaitInTime) {
+   const OwnerStandIn standIn(side.service, "fpga");
+   auto client = clientNew();
+   side.loop.post([&] { client.reset(); });
+   EXPECT_EQ(errorOf([&] { client->write("SCRATCH", 1, aMoment); }).first, Kind::timedOut);
+   EXPECT_EQ(client, nullptr);
 }
 
 TEST_F(ShadowClientTest, AnOwnerInAnotherProcessCarriesOutAWish) {

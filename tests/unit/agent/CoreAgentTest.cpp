@@ -12,6 +12,7 @@
 #include "platform/trace/CaptureScope.h"
 #include "TarnRegFile/PciTransportDescriptor.h"
 #include "tests/support/JournalPciAccess.h"
+#include "tests/support/Registers.h"
 #include "tests/support/RegisterSpace.h"
 #include "tests/support/TempDir.h"
 
@@ -45,14 +46,7 @@ protected:
    }
 
    void registerIs(const std::string& name, std::uint32_t address, bool writable = true) {
-      Hardware::HardwareRegister record;
-      record.name = name;
-      record.address = address;
-      record.width = 32;
-      record.arraySize = 1;
-      record.writable = writable;
-      file->nameToRegMapIs(name, record);
-      file->addrToNameMapIs(address, name);
+      TestSupport::registerIs(*file, name, address, writable);
    }
 
    void make() {
