@@ -11,6 +11,7 @@
 #include "platform/entity/EventLoop.h"
 #include "platform/entity/Timer.h"
 #include "TarnRegFile/CoreClientTable.h"
+#include "TarnRegFile/CoreRegisterList.h"
 #include "TarnRegFile/ShadowError.h"
 
 namespace TarnRegFile::Sable {
@@ -20,9 +21,7 @@ namespace {
 using Kind = ShadowError::Kind;
 using Value = std::optional<std::uint32_t>;
 
-constexpr const char* unknownRegister = "core '{}' has no register '{}'";
 constexpr const char* noValue = "core '{}' is not ready: nothing is known of register '{}' yet";
-constexpr const char* notWritable = "register '{}' of core '{}' is not writable";
 constexpr const char* timedOut = "core '{}' did not set register '{}' to {:#x} in time: {}";
 
 /// How often a table that is not there yet is looked for.
@@ -59,8 +58,8 @@ struct Follower {
 class ShadowClient::Impl : public std::enable_shared_from_this<Impl> {
 public:
    Impl(Platform::EventLoop& ownLoop, Platform::Tables::TableService& service, const String& core,
-        const Ptr<HardwareRegisterFile>& list)
-      : loop(ownLoop), coreName(core), registers(list), monitor(ownLoop, service, core),
+        const Ptr<HardwareRegisterFile>& registers)
+      : loop(ownLoop), coreName(core), list(core, registers), monitor(ownLoop, service, core),
         _status(service, core, "status", [this](CoreRegisterKey key) { _changed(key); }),
         _config(service, core, "config"), _looking(ownLoop, [this] { _look(); }) {}
 
@@ -93,14 +92,6 @@ public:
    void wishIs(const CoreRegister& wish) { _config.put(wish); }
    bool wishDel(CoreRegisterKey key) { return _config.del(key).has_value(); }
 
-   const HardwareRegister& record(std::string_view regName) const {
-      const HardwareRegister* const found = registers->findRegister(regName);
-      if (!found) [[unlikely]] {
-         throw ShadowError(Kind::unknownRegister, fmt::format(unknownRegister, coreName, regName));
-      }
-      return *found;
-   }
-
    Following follow(Follower follower) {
       const auto kept = std::make_shared<Follower>(std::move(follower));
       if (!hasStatus()) {
@@ -127,7 +118,7 @@ public:
 
    Platform::EventLoop& loop;
    const String coreName;
-   const Ptr<HardwareRegisterFile> registers;
+   const CoreRegisterList list;
    CoreMonitor monitor;
 
 private:
@@ -174,7 +165,7 @@ private:
             continue;
          }
          const String* const regName =
-            follower->key ? &follower->regName : registers->findName(key.address());
+            follower->key ? &follower->regName : list.registers()->findName(key.address());
          // Any handler may have closed the client, or met damage.
          if (!regName || _closed || !_status.isMounted()) {
             continue;
@@ -214,7 +205,7 @@ const String& ShadowClient::coreName() const noexcept {
 }
 
 const Ptr<HardwareRegisterFile>& ShadowClient::registers() const noexcept {
-   return _impl->registers;
+   return _impl->list.registers();
 }
 
 std::uint32_t ShadowClient::read(std::string_view regName) const {
@@ -243,7 +234,7 @@ const CoreMonitor& ShadowClient::monitor() const noexcept {
 }
 
 Value ShadowClient::value(std::string_view regName) const {
-   return value(_impl->record(regName).address);
+   return value(_impl->list.record(regName).address);
 }
 
 Value ShadowClient::value(std::uint32_t address) const {
@@ -251,7 +242,7 @@ Value ShadowClient::value(std::uint32_t address) const {
 }
 
 Value ShadowClient::wish(std::string_view regName) const {
-   return wish(_impl->record(regName).address);
+   return wish(_impl->list.record(regName).address);
 }
 
 Value ShadowClient::wish(std::uint32_t address) const {
@@ -259,15 +250,12 @@ Value ShadowClient::wish(std::uint32_t address) const {
 }
 
 void ShadowClient::wishIs(std::string_view regName, std::uint32_t value) {
-   const HardwareRegister& record = _impl->record(regName);
-   if (!record.writable) {
-      throw ShadowError(Kind::notPermitted, fmt::format(notWritable, regName, coreName()));
-   }
+   const HardwareRegister& record = _impl->list.writableRecord(regName);
    _impl->wishIs(CoreRegister(CoreRegisterKey(record.address), value));
 }
 
 bool ShadowClient::wishDel(std::string_view regName) {
-   return _impl->wishDel(CoreRegisterKey(_impl->record(regName).address));
+   return _impl->wishDel(CoreRegisterKey(_impl->list.record(regName).address));
 }
 
 bool ShadowClient::waitUntilHeld(std::span<const CoreRegister> wished,
@@ -280,7 +268,7 @@ void ShadowClient::write(std::string_view regName, std::uint32_t value,
                          std::chrono::nanoseconds timeout) {
    const std::shared_ptr<Impl> impl = _impl; // a handler may end the client
    wishIs(regName, value);
-   const CoreRegister wished(CoreRegisterKey(impl->record(regName).address), value);
+   const CoreRegister wished(CoreRegisterKey(impl->list.record(regName).address), value);
    if (!waitUntilHeld({&wished, 1}, timeout)) {
       throw ShadowError(Kind::timedOut, fmt::format(timedOut, impl->coreName, regName, value,
                                                     impl->monitor.summary()));
@@ -288,7 +276,7 @@ void ShadowClient::write(std::string_view regName, std::uint32_t value,
 }
 
 ShadowClient::Following ShadowClient::follow(std::string_view regName, Handler handler) {
-   const CoreRegisterKey key(_impl->record(regName).address);
+   const CoreRegisterKey key(_impl->list.record(regName).address);
    return _impl->follow({key, String(regName), std::move(handler), {}});
 }
 
