@@ -3,6 +3,7 @@
 import json
 import os
 import queue
+import re
 import shlex
 import socket
 import stat
@@ -23,6 +24,10 @@ START = ("exec env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sb
 SLOTS = {"edu": 5, "shared": 6, "card": 7}
 CARD_ADDRESS = "52:54:00:12:34:56"
 SHARED_SIZE = 1 << 20
+
+# QEMU's line for an access of memory that a device answers for.
+ACCESS = re.compile(r"memory_region_ops_(?P<what>read|write) .* addr (?P<at>0x\w+) "
+                    r"value (?P<value>0x\w+) size (?P<size>\d+) name '(?P<name>[^']*)'")
 
 
 def archive(files):
@@ -215,6 +220,22 @@ class Machine:
         options = self.device(name)
         return ",".join([options.pop("driver"),
                          *(f"{key}={value}" for key, value in options.items())])
+
+    def record(self, wanted):
+        """Begins, or ends, noting each access of a device's memory."""
+        if wanted:
+            self.noted = os.path.getsize(self.trace)
+        for name in ("read", "write"):
+            self.monitor.do("trace-event-set-state", name=f"memory_region_ops_{name}",
+                            enable=wanted)
+
+    def accesses(self, region):
+        """What was noted last of a region: (what, address, bytes, value)."""
+        with open(self.trace, encoding="ascii") as file:
+            file.seek(self.noted)
+            return [(found["what"], int(found["at"], 16), int(found["size"]),
+                     int(found["value"], 16))
+                    for found in ACCESS.finditer(file.read()) if found["name"] == region]
 
     def wait(self):
         """The exit code of QEMU."""

@@ -11,6 +11,7 @@ import argparse
 import os
 import queue
 import shutil
+import struct
 import sys
 import time
 import traceback
@@ -22,8 +23,8 @@ os.environ["PATH"] = os.environ.get("PATH", "") + ":/usr/sbin:/sbin"
 import kernel  # noqa: E402
 import machine  # noqa: E402
 
-BOOTS = {"devices": ["case_stub"]}
-PROGRAMS = ("tarnreg",)
+BOOTS = {"devices": ["case_stub", "case_eeprom", "case_pci"]}
+PROGRAMS = ("tarnreg", "nimbod", "tarn-shadowd", "vm_register_client")
 TOOLS = {"qemu-system-x86_64": "qemu-system-x86", "depmod": "kmod", "modprobe": "kmod",
          "i2cget": "i2c-tools", "dpkg-deb": "dpkg"}
 
@@ -115,9 +116,26 @@ class Boot:
 
     # What the guest may ask for.
 
-    def _on_memory(self):
+    def _on_fill(self, word):
+        with open(self.machine.shared, "r+b") as file:
+            file.write(word.to_bytes(4, "little") * (machine.SHARED_SIZE // 4))
+
+    def _on_put(self, number, value):
+        with open(self.machine.shared, "r+b") as file:
+            file.seek(4 * number)
+            file.write(value.to_bytes(4, "little"))
+
+    def _on_words(self, other_than):
+        """Number and value of all words of the shared memory but those of one value."""
         with open(self.machine.shared, "rb") as file:
-            return file.read().hex()
+            words = struct.unpack(f"<{machine.SHARED_SIZE // 4}I", file.read())
+        return [(number, word) for number, word in enumerate(words) if word != other_than]
+
+    def _on_record(self, wanted):
+        self.machine.record(wanted)
+
+    def _on_accesses(self, region):
+        return self.machine.accesses(region)
 
 
 def main():

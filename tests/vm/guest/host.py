@@ -31,8 +31,3 @@ def ask(request, **arguments):
     if "error" in answer:
         raise RuntimeError(f"the host: {answer['error']}")
     return answer["answer"]
-
-
-def memory():
-    """All of the shared memory, read on the host from the file that it is."""
-    return bytes.fromhex(ask("memory"))

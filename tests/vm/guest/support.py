@@ -184,3 +184,119 @@ class Daemon:
 
     def url(self, chip):
         return f"smbus:{self.number}@{chip:#x}?socket={self.socket}"
+
+
+class Function:
+    """A PCI function, by vendor and device; its memory is switched on."""
+
+    def __init__(self, vendor, device):
+        for folder in glob.glob("/sys/bus/pci/devices/*"):
+            if (self._number(f"{folder}/vendor"), self._number(f"{folder}/device")) == (vendor,
+                                                                                       device):
+                self.folder = folder
+                self.name = os.path.basename(folder)
+                break
+        else:
+            raise AssertionError(f"no PCI function {vendor:04x}:{device:04x}")
+        if not self._number(f"{self.folder}/enable"):
+            put(f"{self.folder}/enable", "1")
+
+    @staticmethod
+    def _number(path):
+        with open(path, encoding="ascii") as file:
+            return int(file.read(), 0)
+
+    def url(self, bar):
+        return f"pci:{self.name}/resource{bar}"
+
+    def base(self, bar):
+        with open(f"{self.folder}/resource", encoding="ascii") as file:
+            return int(file.read().splitlines()[bar].split()[0], 0)
+
+
+class Agent:
+    """tarn-shadowd with one core, 'core'; the context is its life."""
+
+    SETTINGS = "retry_first_ms = 100\nretry_most_ms = 500\ncheck_interval_ms = {check}\n"
+
+    def __init__(self, case, url, check=0):
+        self.case = case
+        self.board = case.write("board.toml", f'[devices.core]\nlist = "list.csv"\n'
+                                f'transport = "{url}"\n[shadow]\ncores = ["core"]\n'
+                                + self.SETTINGS.format(check=check))
+        self.env = {"TARN_TABLE_DIR": case.path("tables")}
+        self.program = Background(case, SHADOWD, "--board", self.board, env=self.env)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, kind, *_):
+        if kind is None:
+            runs = self.program.runs()
+            self.case.assertEqual((True, 0), (runs, self.program.stop()), self.program.said())
+
+    def shadow(self, *words, registers=()):
+        """How `tarnreg shadow` ends."""
+        return run(TARNREG, "--board", self.board, "--device", "core", "shadow", *words,
+                   env={**os.environ, **self.env})
+
+    def set(self, *wishes):
+        """Wishes, and waits until they are held."""
+        done = self.shadow("set", *wishes, "--wait", "--timeout", str(TIMEOUT))
+        self.case.assertEqual((0, ""), (done.code, done.err), self.program.said())
+
+    def get(self, name):
+        """What a register holds; None if nothing is known of it."""
+        done = self.shadow("get", name)
+        if done.code == DEVICE_ERROR:
+            return None
+        self.case.assertEqual((0, ""), (done.code, done.err))
+        return int(done.out.split()[1], 16)
+
+    def await_value(self, name, value):
+        self.program.wait_until(lambda: self.get(name) == value,
+                                f"{name} to be {value if value is None else hex(value)}")
+
+    def generation(self):
+        return self._state()[12:16]
+
+    def await_generation(self, number):
+        self.program.wait_until(lambda: self.state()["generation"] == number
+                                and self.state()["phase"] == READY, f"generation {number}")
+
+    def state(self):
+        """Of the record in core/state, what cases look at."""
+        done = run(TARNREG, "table", "dump", "core/state", env={**os.environ, **self.env})
+        return done
+
+
+class Client:
+    """A process that keeps a device open; the context is its life."""
+
+    def __init__(self, case, registers, url):
+        self.case = case
+        self.process = subprocess.Popen(
+            [CLIENT, registers, url], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, text=True, bufsize=1)
+
+    def __enter__(self):
+        line = self.process.stdout.readline()
+        if line != "open\n":
+            raise AssertionError(f"{line}{self.process.communicate(timeout=TIMEOUT)[1]}")
+        return self
+
+    def __exit__(self, kind, *_):
+        if kind is not None:
+            self.process.kill()
+        _, said = self.process.communicate(timeout=TIMEOUT)
+        if kind is None:
+            self.case.assertEqual((0, ""), (self.process.returncode, said))
+
+    def do(self, words):
+        """The answer to a command; one that ends the process fails the case."""
+        self.process.stdin.write(words + "\n")
+        line = self.process.stdout.readline()
+        if not line:
+            raise AssertionError(f"{words}: exit code {self.process.wait(TIMEOUT)}: "
+                                 f"{self.process.stderr.read()}")
+        return line.rstrip("\n")
