@@ -34,7 +34,7 @@ test: packages build ## Install what is missing, build, and run all tests
 
 vm-test: ## Run the programs on a real kernel's devices, in a virtual machine (needs QEMU)
 	cmake --preset dev
-	cmake --build --preset dev --target tarnreg nimbod tarn-shadowd vm_register_client
+	cmake --build --preset dev --target tarnreg nimbod tarn-shadowd vm_register_client shadow_client
 	tests/vm/vm_test.py build/dev
 
 demo: packages ## Build what is shipped and show the sample board at work

@@ -162,6 +162,7 @@ class Machine:
         self.deadline = deadline
         self.shared = os.path.join(directory, "shared-memory")
         self.trace = os.path.join(directory, "accesses.log")
+        self.memories = 1
         for name in ("monitor", "port"):
             if os.path.exists(self._path(name)):
                 os.unlink(self._path(name))
@@ -220,6 +221,23 @@ class Machine:
         options = self.device(name)
         return ",".join([options.pop("driver"),
                          *(f"{key}={value}" for key, value in options.items())])
+
+    def unplug(self, name):
+        """Has the guest let a device go, and takes it out."""
+        self.monitor.do("device_del", id=name)
+        self.monitor.await_event("DEVICE_DELETED", device=name)
+
+    def plug(self, name):
+        """Puts a device back in the slot that it was in."""
+        options = self.device(name)
+        if name == "shared":
+            # QEMU does not survive a memory object that a second device takes.
+            self.memories += 1
+            options["memdev"] = f"shared-{self.memories}"
+            self.monitor.do("object-add", **{
+                "qom-type": "memory-backend-file", "id": options["memdev"], "share": True,
+                "mem-path": self.shared, "size": SHARED_SIZE})
+        self.monitor.do("device_add", **options)
 
     def record(self, wanted):
         """Begins, or ends, noting each access of a device's memory."""

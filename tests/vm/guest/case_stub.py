@@ -9,14 +9,14 @@ import fcntl
 import os
 import subprocess
 
-from support import (DEVICE_ERROR, HEADER, TARNREG, Case, Daemon, Driver, bus, load, run, wait_for)
+from support import (DEVICE_ERROR, HEADER, TARNREG, Case, Daemon, Driver, bus, load_stub, run,
+                     wait_for)
 
 CHIP, SECOND, TAKEN, ABSENT = 0x50, 0x51, 0x52, 0x60
 
 
 def setUpModule():
-    load("i2c-dev")
-    load("i2c-stub", f"chip_addr={CHIP:#x},{SECOND:#x},{TAKEN:#x}")
+    load_stub()
 
 
 class StubCase(Case):

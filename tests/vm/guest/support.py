@@ -3,6 +3,7 @@
 import glob
 import os
 import shutil
+import signal
 import subprocess
 import tempfile
 import time
@@ -15,6 +16,7 @@ TARNREG = os.path.join(BIN, "tarnreg")
 NIMBOD = os.path.join(BIN, "nimbod")
 SHADOWD = os.path.join(BIN, "tarn-shadowd")
 CLIENT = os.path.join(BIN, "vm_register_client")
+SHADOW_CLIENT = os.path.join(BIN, "shadow_client")
 HEADER = "number,name,type,writeable,width\n"
 
 # An emulated processor on a loaded machine: only what hangs runs into this.
@@ -107,6 +109,15 @@ def load(module, *options):
         raise AssertionError(f"modprobe {module}: {done}")
 
 
+STUB_CHIPS = (0x50, 0x51, 0x52, 0x55)
+
+
+def load_stub():
+    """The kernel's model of chips; all cases share one, which cannot be loaded twice."""
+    load("i2c-dev")
+    load("i2c-stub", "chip_addr=" + ",".join(map(hex, STUB_CHIPS)))
+
+
 class Driver:
     """A driver of the kernel that has a chip, for as long as the context lasts."""
 
@@ -121,8 +132,13 @@ class Driver:
         wait_for(lambda: os.path.exists(self.driver), f"{self.module} to take {self.chip:#x}")
         return self
 
+    def goes(self):
+        """Also before the end of the context."""
+        if os.path.exists(self.driver):
+            put(f"{self.folder}/delete_device", f"{self.chip:#x}")
+
     def __exit__(self, *_):
-        put(f"{self.folder}/delete_device", f"{self.chip:#x}")
+        self.goes()
 
 
 class Background:
@@ -189,7 +205,7 @@ class Daemon:
 class Function:
     """A PCI function, by vendor and device; its memory is switched on."""
 
-    def __init__(self, vendor, device):
+    def __init__(self, vendor, device, enable=True):
         for folder in glob.glob("/sys/bus/pci/devices/*"):
             if (self._number(f"{folder}/vendor"), self._number(f"{folder}/device")) == (vendor,
                                                                                        device):
@@ -198,6 +214,10 @@ class Function:
                 break
         else:
             raise AssertionError(f"no PCI function {vendor:04x}:{device:04x}")
+        if enable:
+            self.enable()
+
+    def enable(self):
         if not self._number(f"{self.folder}/enable"):
             put(f"{self.folder}/enable", "1")
 
@@ -235,7 +255,7 @@ class Agent:
             runs = self.program.runs()
             self.case.assertEqual((True, 0), (runs, self.program.stop()), self.program.said())
 
-    def shadow(self, *words, registers=()):
+    def shadow(self, *words):
         """How `tarnreg shadow` ends."""
         return run(TARNREG, "--board", self.board, "--device", "core", "shadow", *words,
                    env={**os.environ, **self.env})
@@ -257,17 +277,29 @@ class Agent:
         self.program.wait_until(lambda: self.get(name) == value,
                                 f"{name} to be {value if value is None else hex(value)}")
 
-    def generation(self):
-        return self._state()[12:16]
-
-    def await_generation(self, number):
-        self.program.wait_until(lambda: self.state()["generation"] == number
-                                and self.state()["phase"] == READY, f"generation {number}")
-
     def state(self):
-        """Of the record in core/state, what cases look at."""
-        done = run(TARNREG, "table", "dump", "core/state", env={**os.environ, **self.env})
-        return done
+        """What core/state says, by field."""
+        done = run(SHADOW_CLIENT, "state", "core", env={**os.environ, **self.env})
+        self.case.assertEqual((0, ""), (done.code, done.err))
+        return dict(line.split("=", 1) for line in done.out.splitlines())
+
+    def await_state(self, **fields):
+        """The state, when it has these fields."""
+        seen = {}
+
+        def is_so():
+            seen.clear()
+            seen.update(self.state())  # nothing while the agent has not begun
+            return all(seen.get(name) == str(value) for name, value in fields.items())
+
+        try:
+            self.program.wait_until(is_so, f"{fields}")
+        except AssertionError as error:
+            raise AssertionError(f"{error}; it is {seen}\n{self.program.said()}") from error
+        return dict(seen)
+
+    def begin_generation(self):
+        self.program.process.send_signal(signal.SIGHUP)
 
 
 class Client:
