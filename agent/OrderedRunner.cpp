@@ -85,7 +85,8 @@ void OrderedRunner::_startNext() {
    _queued.erase(key);
    const std::optional<Op> op = _config->op().get(key);
    if (!op) {
-      go(); // taken back before it was begun
+      _handlers.idle(); // taken back before it was begun; what waited for it waits no more
+      go();
       return;
    }
    _done = Op(key);
@@ -148,8 +149,9 @@ void OrderedRunner::result(bool isSuccess, const std::string& reason) {
    _done.regValueIs(index, _current->regValue(index));
    ++_index;
    _counters.writes.Inc();
-   _status->opIs(_done);
+   // First: where the agent dies in between, an older wish must not undo what is told as written.
    _handlers.written(_done.regKey(index).address(), _done.regValue(index));
+   _status->opIs(_done);
    _step();
 }
 

@@ -43,11 +43,11 @@ public:
       std::function<bool()> canStart;
       /// Writes a register, whose result goes to result(); or says why not.
       std::function<std::optional<std::string>(std::uint32_t address, std::uint32_t value)> write;
-      /// A write has succeeded.
+      /// A write has succeeded; the outcome does not tell of it yet.
       std::function<void(std::uint32_t address, std::uint32_t value)> written;
       /// An operation stopped before its end.
       std::function<void(const std::string& text)> stopped;
-      /// An operation has ended; nothing is under way.
+      /// An operation has ended, or was taken back before it began; nothing is under way.
       std::function<void()> idle;
    };
 
