@@ -86,19 +86,28 @@ def initramfs(guest_kernel, setting):
     return archive(files)
 
 
+def connect(directory, name, process, deadline):
+    """Connects to a socket that the process makes, by a path that is short wherever it is."""
+    folder = os.open(directory, os.O_PATH)
+    try:
+        client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        while True:
+            try:
+                client.connect(f"/proc/self/fd/{folder}/{name}")
+                return client
+            except (FileNotFoundError, ConnectionRefusedError):
+                if process.poll() is not None or time.monotonic() > deadline:
+                    raise
+                time.sleep(0.05)
+    finally:
+        os.close(folder)
+
+
 class Lines:
     """Lines of JSON over a Unix socket. What comes waits in `arrived`; None is the end."""
 
-    def __init__(self, path, deadline):
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        while True:
-            try:
-                self.socket.connect(path)
-                break
-            except (FileNotFoundError, ConnectionRefusedError):
-                if time.monotonic() > deadline:
-                    raise
-                time.sleep(0.05)
+    def __init__(self, connected):
+        self.socket = connected
         self.arrived = queue.Queue()
         threading.Thread(target=self._read, daemon=True).start()
 
@@ -121,9 +130,9 @@ class Lines:
 class Monitor:
     """QEMU's own command channel."""
 
-    def __init__(self, path, deadline):
+    def __init__(self, connected, deadline):
         self.deadline = deadline
-        self.lines = Lines(path, deadline)
+        self.lines = Lines(connected)
         self.events = []
         self._next()  # the greeting
         self.do("qmp_capabilities")
@@ -163,9 +172,6 @@ class Machine:
         self.shared = os.path.join(directory, "shared-memory")
         self.trace = os.path.join(directory, "accesses.log")
         self.memories = 1
-        for name in ("monitor", "port"):
-            if os.path.exists(self._path(name)):
-                os.unlink(self._path(name))
         with open(self.shared, "wb") as file:
             file.truncate(SHARED_SIZE)
         with open(self._path("initramfs"), "wb") as file:
@@ -176,8 +182,8 @@ class Machine:
             self._command(guest_kernel), stdin=subprocess.DEVNULL, stdout=self.said,
             stderr=subprocess.STDOUT, cwd=directory)
         try:
-            self.monitor = Monitor(self._path("monitor"), deadline)
-            self.port = Lines(self._path("port"), deadline)
+            self.monitor = Monitor(connect(directory, "monitor", self.process, deadline), deadline)
+            self.port = Lines(connect(directory, "port", self.process, deadline))
         except BaseException:
             self.close()
             raise
@@ -186,13 +192,14 @@ class Machine:
         return os.path.join(self.directory, name)
 
     def _command(self, guest_kernel):
-        # Sockets by names relative to the directory: paths of sockets must be short.
+        # Its files by names in its directory, whatever characters are in the path there. It ends with
+        # who started it.
         return [
-            QEMU, "-machine", "q35", "-accel", "tcg", "-cpu", "max", "-smp", "1", "-m", "1024",
+            "setpriv", "--pdeathsig", "KILL", QEMU, "-machine", "q35", "-accel", "tcg", "-cpu", "max", "-smp", "1", "-m", "1024",
             "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot",
-            "-kernel", guest_kernel.image, "-initrd", self._path("initramfs"),
+            "-kernel", guest_kernel.image, "-initrd", "initramfs",
             "-append", "console=ttyS0 panic=-1 mitigations=off",
-            "-serial", "file:console.log", "-D", self.trace,
+            "-serial", "file:console.log", "-D", "accesses.log",
             "-qmp", "unix:monitor,server=on,wait=off",
             "-chardev", "socket,id=port,path=port,server=on,wait=off",
             "-device", "virtio-serial-pci", "-device", "virtserialport,chardev=port,name=tarn",
@@ -202,7 +209,7 @@ class Machine:
             *(part for name, slot in SLOTS.items() for part in
               ("-device", f"pcie-root-port,id=slot-{name},chassis={slot},slot={slot},"
                           f"addr={slot:#x}")),
-            "-object", f"memory-backend-file,id=shared,share=on,mem-path={self.shared},"
+            "-object", f"memory-backend-file,id=shared,share=on,mem-path=shared-memory,"
                        f"size={SHARED_SIZE}",
             "-device", self._device_argument("edu"),
             "-device", self._device_argument("shared"),
@@ -236,7 +243,7 @@ class Machine:
             options["memdev"] = f"shared-{self.memories}"
             self.monitor.do("object-add", **{
                 "qom-type": "memory-backend-file", "id": options["memdev"], "share": True,
-                "mem-path": self.shared, "size": SHARED_SIZE})
+                "mem-path": "shared-memory", "size": SHARED_SIZE})
         self.monitor.do("device_add", **options)
 
     def record(self, wanted):
@@ -260,6 +267,7 @@ class Machine:
         return self.process.wait(max(1, self.deadline - time.monotonic()))
 
     def close(self):
+        """Ends it, if it has not ended."""
         if self.process.poll() is None:
             self.process.kill()
             self.process.wait()

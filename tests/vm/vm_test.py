@@ -13,6 +13,7 @@ import fnmatch
 import os
 import queue
 import shutil
+import signal
 import struct
 import sys
 import time
@@ -168,6 +169,7 @@ def main():
     parser.add_argument("build")
     parser.add_argument("cases", nargs="*")
     options = parser.parse_args()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("terminated"))
     options.build = os.path.abspath(options.build)
     for program in PROGRAMS:
         if not os.access(os.path.join(options.build, "bin", program), os.X_OK):
