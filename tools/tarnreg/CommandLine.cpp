@@ -20,6 +20,8 @@
 #include "tools/tarnreg/Options.h"
 #include "tools/tarnreg/Printable.h"
 #include "tools/tarnreg/SavedDump.h"
+#include "tools/tarnreg/ShadowCoreVerbs.h"
+#include "tools/tarnreg/ShadowOrderVerbs.h"
 #include "tools/tarnreg/ShadowVerbs.h"
 #include "tools/tarnreg/TableVerbs.h"
 #include "tools/tarnreg/ValuesFile.h"
@@ -59,7 +61,11 @@ struct Arguments {
    std::uint64_t tableCount = 0;
    double tableTimeout = 0;
    ShadowSetOptions shadowSet;
-   double shadowSetTimeout = 10;
+   ShadowOrderOptions shadowOrder;
+   double shadowTimeout = 10;
+   bool shadowNoWait = false;
+   std::vector<std::string> cores;
+   std::string orderId;
 };
 
 /// Turns one of these words into its number, as the options' enumerations are parsed.
@@ -134,6 +140,9 @@ private:
    void _verbs();
    void _tableVerbs();
    void _shadowVerbs();
+   void _shadowOrderVerbs(CLI::App& shadow);
+   void _shadowCoreVerbs(CLI::App& shadow);
+   std::vector<std::string> _cores(bool needed) const;
    ShadowView& _shadowView();
    CLI::App* _verb(const char* name, const char* list, const char* help,
                    std::function<void(Report&)> action);
@@ -463,7 +472,7 @@ void Command::_shadowVerbs() {
    _words(*get, "PATTERN", _arguments.patterns, patternHelp)->required();
    CLI::App* set = _subVerb(
       *shadow, "set", "registers", "Wish registers to hold values", [this](Report& report) {
-         _arguments.shadowSet.timeout = seconds(_arguments.shadowSetTimeout);
+         _arguments.shadowSet.timeout = seconds(_arguments.shadowTimeout);
          setShadow(_shadowView(), _arguments.assignments, _arguments.shadowSet, report);
       });
    _words(*set, "NAME=VALUE", _arguments.assignments,
@@ -471,7 +480,7 @@ void Command::_shadowVerbs() {
       ->required();
    CLI::Option* wait =
       set->add_flag("--wait", _arguments.shadowSet.wait, "Until all of it is held");
-   _seconds(*set, "--timeout", _arguments.shadowSetTimeout,
+   _seconds(*set, "--timeout", _arguments.shadowTimeout,
             "Seconds to wait at most, exit code 6 then");
    set->get_option("--timeout")->needs(wait);
    CLI::App* unset =
@@ -497,6 +506,81 @@ void Command::_shadowVerbs() {
       _subVerb(*shadow, "diff", "registers", "Compare what registers hold with what is wished",
                [this](Report& report) { diffShadow(_shadowView(), _arguments.patterns, report); });
    _words(*diff, "PATTERN", _arguments.patterns, patternHelp);
+   _shadowOrderVerbs(*shadow);
+   _shadowCoreVerbs(*shadow);
+}
+
+void Command::_shadowOrderVerbs(CLI::App& shadow) {
+   CLI::App* order = _subVerb(
+      shadow, "order", "registers", "Have registers written in order, as one operation",
+      [this](Report& report) {
+         _arguments.shadowOrder = {!_arguments.shadowNoWait, seconds(_arguments.shadowTimeout)};
+         orderShadow(_shadowView(), _arguments.assignments, _arguments.shadowOrder, report);
+      });
+   _words(*order, "NAME=VALUE", _arguments.assignments,
+          "The writes; values in decimal, 0x hexadecimal or 0b binary")
+      ->required();
+   _seconds(*order, "--timeout", _arguments.shadowTimeout,
+            "Seconds to wait for its end at most, exit code 6 then; it stands");
+   order
+      ->add_flag("--no-wait", _arguments.shadowNoWait,
+                 "Only print the operation's id, for outcome and cancel")
+      ->excludes("--timeout");
+   order->footer("Prints the writes that were made; where one fails it stops, exit code 5.\n"
+                 "\n"
+                 "Examples:\n"
+                 "  tarnreg -b board.toml -d fpga shadow order RESET=1 MODE=3 RESET=0\n"
+                 "  tarnreg -b board.toml -d fpga shadow order $(cat writes.txt) --no-wait");
+   CLI::App* outcome = _subVerb(
+      shadow, "outcome", "registers", "Print what came of an operation", [this](Report& report) {
+         showOutcome(_shadowView(), _arguments.orderId, seconds(_arguments.shadowTimeout), report);
+      });
+   outcome->add_option("ID", _arguments.orderId, "The id that order --no-wait has printed")
+      ->required();
+   _seconds(*outcome, "--timeout", _arguments.shadowTimeout,
+            "Seconds to wait for its end at most, exit code 6 then");
+   CLI::App* cancel =
+      _subVerb(shadow, "cancel", "registers", "Take an operation back that has not begun",
+               [this](Report& report) { cancelOrder(_shadowView(), _arguments.orderId, report); });
+   cancel->add_option("ID", _arguments.orderId, "The id that order --no-wait has printed")
+      ->required();
+}
+
+void Command::_shadowCoreVerbs(CLI::App& shadow) {
+   CLI::App* state =
+      _subVerb(shadow, "state", "cores", "Print how cores are, and whether their owners live",
+               [this](Report& report) { showCores(_tableDirectory(), _cores(false), report); });
+   _words(*state, "CORE", _arguments.cores, "Names; without any --device, or else all there are");
+   state->footer("Needs no board file.\n"
+                 "\n"
+                 "Examples:\n"
+                 "  tarnreg shadow state\n"
+                 "  tarnreg shadow state fpga --json");
+   CLI::App* resync = _subVerb(
+      shadow, "resync", "cores", "Have all registers of cores read anew by their owners",
+      [this](Report& report) {
+         resyncCores(_tableDirectory(), _cores(true), seconds(_arguments.shadowTimeout), report);
+      });
+   _words(*resync, "CORE", _arguments.cores, "Names; without any --device");
+   _seconds(*resync, "--timeout", _arguments.shadowTimeout,
+            "Seconds to wait for each at most, exit code 6 then; the request stands");
+   resync->footer("Needs no board file.\n"
+                  "\n"
+                  "Example:\n"
+                  "  tarnreg shadow resync fpga --timeout 60");
+}
+
+std::vector<std::string> Command::_cores(bool needed) const {
+   if (!_arguments.cores.empty()) {
+      return _arguments.cores;
+   }
+   if (!_options.device.empty()) {
+      return {_options.device};
+   }
+   if (needed) {
+      throw Failure(ExitCode::usage, "the core's name is needed, or --device");
+   }
+   return {};
 }
 
 ShadowView& Command::_shadowView() {

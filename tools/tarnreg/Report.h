@@ -47,6 +47,9 @@ public:
    /// A member of the document beside the results.
    void property(const std::string& key, nlohmann::ordered_json value);
 
+   /// What a person should know of the data, said at once on standard error.
+   void warning(const std::string& text) { _console.warning(text); }
+
    /// A failure: said at once on standard error, kept for the document and the exit code.
    void failure(ExitCode code, const std::string& text, const std::string& name = {});
 

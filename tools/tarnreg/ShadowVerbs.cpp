@@ -1,24 +1,21 @@
 #include "tools/tarnreg/ShadowVerbs.h"
 
 #include <algorithm>
-#include <exception>
 #include <map>
 #include <utility>
 
 #include <fmt/format.h>
 
-#include "TarnRegFile/RegisterFileChecker.h"
-#include "TarnRegFile/RegisterFileHelper.h"
-#include "TarnRegFile/ShadowError.h"
 #include "tools/tarnreg/Failure.h"
-#include "tools/tarnreg/NamePattern.h"
 #include "tools/tarnreg/NumberFormat.h"
 #include "tools/tarnreg/Printable.h"
 #include "tools/tarnreg/Selection.h"
+#include "tools/tarnreg/ShadowAssignments.h"
 
 namespace TarnReg {
 
 using TarnRegFile::HardwareRegister;
+using TarnRegFile::Sable::CoreMonitor;
 using TarnRegFile::Sable::CoreRegister;
 using TarnRegFile::Sable::CoreRegisterKey;
 using TarnRegFile::Sable::ShadowClient;
@@ -28,40 +25,11 @@ using Value = std::optional<std::uint32_t>;
 namespace {
 
 constexpr const char* unknown = "-";
-
-/// A device that is only its register list. None of the verbs accesses it.
-class ListOnly : public TarnRegFile::BaseTransportMethodImpl {
-public:
-   explicit ListOnly(const std::string& list) : BaseTransportMethodImpl(list.c_str(), 1, nullptr) {}
-   std::uint32_t regRead(const char*) override { throw std::logic_error("no transport"); }
-   void regWrite(const char*, std::uint32_t) override { throw std::logic_error("no transport"); }
-};
-
-ExitCode codeOf(const ShadowError& error) {
-   switch (error.kind()) {
-   case ShadowError::Kind::unknownRegister:
-      return ExitCode::unknownName;
-   case ShadowError::Kind::noValue:
-      return ExitCode::deviceError;
-   case ShadowError::Kind::notPermitted:
-      return ExitCode::refused;
-   case ShadowError::Kind::timedOut:
-      return ExitCode::timeout;
-   case ShadowError::Kind::damaged:
-      break;
-   }
-   return ExitCode::general;
-}
-
-/// Runs `work` and turns what may go wrong with the tables into the command's failures.
-template <typename Work>
-auto onShadow(const Work& work) {
-   try {
-      return work();
-   } catch (const ShadowError& error) {
-      throw Failure(codeOf(error), error.what());
-   }
-}
+constexpr const char* notHeld = "{} {}, not {}, after {} s; the wish stands";
+constexpr const char* notKnown = "{} is not known to be {} after {} s, and the wish stands; core "
+                                 "'{}' is not ready: {}";
+constexpr const char* heldLast = "core '{}' is not ready, its registers are shown as they were "
+                                 "last known: {}";
 
 std::string text(const HardwareRegister& record, Value value, NumberBase base) {
    return value ? formatNumber(*value, record.width, base) : unknown;
@@ -81,65 +49,26 @@ Selection selected(ShadowView& view, const std::vector<std::string>& patterns, R
    return selection;
 }
 
-struct Assignment {
-   const HardwareRegister* record;
-   std::uint32_t value;
-};
-
-void appendAssignments(ShadowView& view, const std::string& given, std::vector<Assignment>& out) {
-   const std::size_t equals = given.rfind('=');
-   if (equals == std::string::npos || equals == 0) {
-      throw Failure(ExitCode::usage, fmt::format("{}: a wish is NAME=VALUE", given));
-   }
-   const std::uint32_t value = parseNumber(given.substr(equals + 1), given);
-   for (const HardwareRegister* record : selectRegisters(view.device(), given.substr(0, equals))) {
-      if (!record->writable) {
-         throw Failure(ExitCode::refused, fmt::format("{} is read-only", shownName(record->name)));
-      }
-      view.requireFits(*record, value);
-      out.push_back({record, value});
+/// Tells who is shown values whether they are worth anything.
+void tellFreshness(ShadowView& view, bool isAnyKnown, Report& report) {
+   const CoreMonitor& monitor = view.client().monitor();
+   const bool isReady = monitor.isReady();
+   report.property("ready", isReady);
+   if (isAnyKnown && !isReady) {
+      report.warning(fmt::format(heldLast, monitor.coreName(), monitor.summary()));
    }
 }
 
 } // namespace
 
-ShadowView::ShadowView(const Platform::Tables::TableDirectory& directory, const std::string& core,
-                       const std::string& list, const Board::TransportUrl& url)
-   : _service(_loop, directory), _url(url) {
-   // Loading it would stop the process.
-   if (const std::size_t line = TarnRegFile::RegisterFileChecker::stoppingLine(list)) {
-      throw Failure(
-         ExitCode::general,
-         fmt::format("{}:{}: the lower bound of a range is above the upper", list, line));
-   }
-   const auto method = TarnRegFile::transportMethodFactory(core);
-   try {
-      method->implPtrIs(new ListOnly(list));
-   } catch (const std::exception& error) {
-      throw Failure(ExitCode::general,
-                    fmt::format("{}: {}; tarnreg check says where", list, error.what()));
-   }
-   _device = std::make_unique<Device>(method, nullptr);
-   _client = onShadow([&] {
-      return std::make_unique<ShadowClient>(_loop, _service, core,
-                                            method->regFileHelper()->regFilePtr());
-   });
-}
-
-void ShadowView::requireFits(const HardwareRegister& record, std::uint32_t value) const {
-   const auto* i2c = std::get_if<Board::I2cAt>(&_url.where());
-   // Values of a device that is accessed in blocks are not in the low bits.
-   if (!i2c || i2c->flavour != TarnRegFile::I2cFlavour::dataBlock) {
-      TarnReg::requireFits(*_device, record, value);
-   }
-}
-
 void listShadow(ShadowView& view, const std::vector<std::string>& patterns, Report& report) {
    onShadow([&] {
       const Selection selection = selected(view, patterns, report);
       const std::size_t width = nameColumnWidth(selection);
+      bool isAnyKnown = false;
       for (const HardwareRegister* record : selection) {
          const Value value = view.client().value(record->address);
+         isAnyKnown = isAnyKnown || value;
          const Value wish = view.client().wish(record->address);
          const bool differs = wish && wish != value;
          nlohmann::ordered_json element = registerJson(*record);
@@ -151,43 +80,40 @@ void listShadow(ShadowView& view, const std::vector<std::string>& patterns, Repo
                                 text(*record, wish, report.base()), differs ? "  differs" : ""),
                     std::move(element));
       }
+      tellFreshness(view, isAnyKnown, report);
    });
 }
 
 void getShadow(ShadowView& view, const std::vector<std::string>& patterns, Report& report) {
-   for (const HardwareRegister* record : selected(view, patterns, report)) {
-      try {
-         report.value(*record, view.client().read(record->name));
-      } catch (const ShadowError& error) {
-         report.failure(codeOf(error), error.what(), record->name);
+   onShadow([&] {
+      bool isAnyKnown = false;
+      for (const HardwareRegister* record : selected(view, patterns, report)) {
+         try {
+            report.value(*record, view.client().read(record->name));
+            isAnyKnown = true;
+         } catch (const ShadowError& error) {
+            report.failure(codeOf(error), error.what(), record->name);
+         }
       }
-   }
+      tellFreshness(view, isAnyKnown, report);
+   });
 }
 
 void setShadow(ShadowView& view, const std::vector<std::string>& texts,
                const ShadowSetOptions& options, Report& report) {
-   std::vector<Assignment> assignments;
-   bool good = true;
-   for (const std::string& given : texts) {
-      try {
-         appendAssignments(view, given, assignments);
-      } catch (const Failure& failure) {
-         report.failure(failure.code(), failure.what(), given);
-         good = false;
-      }
-   }
-   if (!good) {
+   const auto assignments = shadowAssignments(view, texts, "a wish", report);
+   if (!assignments) {
       return;
    }
    Selection records;
-   std::map<std::uint32_t, Assignment> last; // what an address is to hold in the end
-   for (const Assignment& assignment : assignments) {
+   std::map<std::uint32_t, ShadowAssignment> last; // what an address is to hold in the end
+   for (const ShadowAssignment& assignment : *assignments) {
       records.push_back(assignment.record);
       last.insert_or_assign(assignment.record->address, assignment);
    }
    report.nameWidthIs(nameColumnWidth(records));
    onShadow([&] {
-      for (const Assignment& assignment : assignments) {
+      for (const ShadowAssignment& assignment : *assignments) {
          view.client().wishIs(assignment.record->name, assignment.value);
          if (!options.wait) {
             report.value(*assignment.record, assignment.value);
@@ -203,20 +129,25 @@ void setShadow(ShadowView& view, const std::vector<std::string>& texts,
       }
       const bool held = view.client().waitUntilHeld(wished, options.timeout);
       const std::chrono::duration<double> seconds = options.timeout;
+      const CoreMonitor& monitor = view.client().monitor();
+      const bool isReady = held || monitor.isReady();
       for (const auto& [address, assignment] : last) {
          const Value value = view.client().value(address);
-         if (held || value == assignment.value) {
+         if (held || (isReady && value == assignment.value)) {
             report.value(*assignment.record, assignment.value);
             continue;
          }
-         report.failure(ExitCode::timeout,
-                        fmt::format("{} {}, not {}, after {} s; the wish stands",
-                                    shownName(assignment.record->name),
-                                    value ? "is " + text(*assignment.record, value, report.base())
-                                          : std::string("has no value yet"),
-                                    text(*assignment.record, assignment.value, report.base()),
-                                    seconds.count()),
-                        assignment.record->name);
+         const std::string name = shownName(assignment.record->name);
+         const std::string wanted = text(*assignment.record, assignment.value, report.base());
+         const std::string text =
+            isReady
+               ? fmt::format(notHeld, name,
+                             value ? "is " + TarnReg::text(*assignment.record, value, report.base())
+                                   : std::string("has no value yet"),
+                             wanted, seconds.count())
+               : fmt::format(notKnown, name, wanted, seconds.count(), monitor.coreName(),
+                             monitor.summary());
+         report.failure(ExitCode::timeout, text, assignment.record->name);
       }
    });
 }

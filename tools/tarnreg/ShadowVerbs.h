@@ -1,54 +1,24 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "board/TransportUrl.h"
-#include "platform/entity/EventLoop.h"
-#include "platform/tables/TableDirectory.h"
-#include "platform/tables/TableService.h"
-#include "TarnRegFile/ShadowClient.h"
-#include "tools/tarnreg/Device.h"
 #include "tools/tarnreg/Pace.h"
 #include "tools/tarnreg/Report.h"
+#include "tools/tarnreg/ShadowView.h"
 
 /// What `tarnreg shadow` does with a core that another process owns: everything through its shared
 /// tables, nothing on its bus.
 namespace TarnReg {
 
-/// A core, as its shared tables show it, and the list of its registers.
-class ShadowView {
-public:
-   /// `list` is the path of the core's register list, `url` says how its owner reaches it. Throws
-   /// Failure for a list that cannot be used, and what ShadowClient's constructor throws, as one.
-   ShadowView(const Platform::Tables::TableDirectory& directory, const std::string& core,
-              const std::string& list, const Board::TransportUrl& url);
-
-   /// The registers, for patterns; it has no transport that could be accessed.
-   Device& device() noexcept { return *_device; }
-
-   TarnRegFile::Sable::ShadowClient& client() noexcept { return *_client; }
-   Platform::EventLoop& loop() noexcept { return _loop; }
-
-   /// Throws Failure (usage) when the value has bits that the register does not.
-   void requireFits(const TarnRegFile::HardwareRegister& record, std::uint32_t value) const;
-
-private:
-   Platform::EventLoop _loop;
-   Platform::Tables::TableService _service;
-   const Board::TransportUrl _url;
-   std::unique_ptr<Device> _device;
-   std::unique_ptr<TarnRegFile::Sable::ShadowClient> _client;
-};
-
 /// Lists the registers that match `patterns`, all of them without patterns: what each holds, what
 /// it is wished to hold, and whether these differ.
 void listShadow(ShadowView& view, const std::vector<std::string>& patterns, Report& report);
 
-/// Prints what the registers that match `patterns` hold.
+/// Prints what the registers that match `patterns` hold; if the core is not ready, with a warning
+/// that it is what they held last. So does listShadow().
 void getShadow(ShadowView& view, const std::vector<std::string>& patterns, Report& report);
 
 /// How setShadow() goes about it.
@@ -58,8 +28,8 @@ struct ShadowSetOptions {
 };
 
 /// Wishes "NAME=VALUE" assignments, a pattern on the left for each register that it matches.
-/// Everything is checked before the first wish: with one bad assignment there is none. What is not
-/// held in time is a failure (timeout) each; the wishes stand.
+/// Everything is checked before the first wish: with one bad assignment there is none. What a core
+/// that is ready does not hold in time is a failure (timeout) each; the wishes stand.
 void setShadow(ShadowView& view, const std::vector<std::string>& assignments,
                const ShadowSetOptions& options, Report& report);
 

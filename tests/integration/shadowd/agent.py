@@ -11,6 +11,8 @@ import unittest
 
 SHADOWD = os.environ["SHADOWD"]
 CLIENT = os.environ["SHADOW_CLIENT"]
+TARNSIM = os.environ["TARNSIM"]
+TARNREG = os.environ["TARNREG"]
 TIMEOUT = int(os.environ.get("SHADOWD_PATIENCE", "120"))
 
 LIST = """number,name,type,writeable,width
@@ -124,3 +126,65 @@ class Case(unittest.TestCase):
 
     def await_registers(self, *wanted, table="fpga/status"):
         wait_for(lambda: set(wanted) <= set(self.registers(table)), f"{wanted} in {table}")
+
+    def tarnreg(self, *arguments):
+        """Runs the command; its exit code, what it printed and what it said."""
+        done = self.tarnreg_start(*arguments)
+        out, err = done.communicate(timeout=TIMEOUT)
+        return done.returncode, out, err
+
+    def tarnreg_start(self, *arguments):
+        process = subprocess.Popen(
+            [TARNREG, "--board", self.board, *(str(each) for each in arguments)], env=self.env,
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(process.wait, TIMEOUT)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.stderr.close)
+        self.addCleanup(process.kill)
+        return process
+
+
+SIMULATED_BOARD = """
+[devices.fpga]
+list = "list.csv"
+transport = "{transport}"
+
+[shadow]
+cores = ["fpga"]
+retry_first_ms = 20
+retry_most_ms = 50
+check_interval_ms = {check}
+
+[simulate.i2c.chip]
+bus = "/dev/i2c-3"
+address = 0x50
+kind = "block"
+values = {{ 0 = 0x1d, 4 = 0xc, 8 = 0x5 }}
+present = {present}
+{faults}
+"""
+
+
+class Simulated(Case):
+    """An agent whose device is a simulated one, which goes, comes back and fails on demand."""
+
+    transport = "i2c:/dev/i2c-3@0x50"
+
+    def start(self, check=20, present="true", faults=""):
+        self.board = self.write("board.toml", SIMULATED_BOARD.format(transport=self.transport, check=check,
+                                                           present=present, faults=faults))
+        self.socket = self.path("control")
+        self.agent = Agent(self, wrapper=(TARNSIM, "--board", self.board, "--control", self.socket,
+                                          "--"))
+        wait_for(lambda: self.agent.says("Serving") or self.agent.process.poll() is not None,
+                 "the agent")
+        self.assertIsNone(self.agent.process.poll(), self.agent.log())
+
+    def sim(self, *words):
+        done = subprocess.run([TARNSIM, "control", self.socket, *words], capture_output=True,
+                              text=True, timeout=TIMEOUT, check=False)
+        self.assertEqual((0, ""), (done.returncode, done.stderr))
+        return done.stdout
+
+    def journal(self, kind):
+        return [line for line in self.sim("journal", "chip").splitlines() if line.startswith(kind)]

@@ -2,56 +2,12 @@
 
 import os
 import signal
-import subprocess
 import unittest
 
-from agent import TIMEOUT, Agent, Case, wait_for
-
-TARNSIM = os.environ["TARNSIM"]
-
-BOARD = """
-[devices.fpga]
-list = "list.csv"
-transport = "{transport}"
-
-[shadow]
-cores = ["fpga"]
-retry_first_ms = 20
-retry_most_ms = 50
-check_interval_ms = {check}
-
-[simulate.i2c.chip]
-bus = "/dev/i2c-3"
-address = 0x50
-kind = "block"
-values = {{ 0 = 0x1d, 4 = 0xc, 8 = 0x5 }}
-present = {present}
-{faults}
-"""
+from agent import Simulated, wait_for
 
 
-class Loss(Case):
-    transport = "i2c:/dev/i2c-3@0x50"
-
-    def start(self, check=20, present="true", faults=""):
-        self.board = self.write("board.toml", BOARD.format(transport=self.transport, check=check,
-                                                           present=present, faults=faults))
-        self.socket = self.path("control")
-        self.agent = Agent(self, wrapper=(TARNSIM, "--board", self.board, "--control", self.socket,
-                                          "--"))
-        wait_for(lambda: self.agent.says("Serving") or self.agent.process.poll() is not None,
-                 "the agent")
-        self.assertIsNone(self.agent.process.poll(), self.agent.log())
-
-    def sim(self, *words):
-        done = subprocess.run([TARNSIM, "control", self.socket, *words], capture_output=True,
-                              text=True, timeout=TIMEOUT, check=False)
-        self.assertEqual((0, ""), (done.returncode, done.stderr))
-        return done.stdout
-
-    def journal(self, kind):
-        return [line for line in self.sim("journal", "chip").splitlines() if line.startswith(kind)]
-
+class Loss(Simulated):
     def test_a_device_that_is_not_there_is_waited_for(self):
         self.start(present="false")
         state = self.await_state(phase="waiting", valid="false", ready="false")

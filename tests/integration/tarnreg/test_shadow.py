@@ -85,6 +85,17 @@ class Shadow(TarnregTest):
         self.owner("5=1")
         self.assertEqual(self.shadow("get", "SCRATCH"), (0, "SCRATCH  0x00000007\n", ""))
 
+    def test_what_an_owner_left_is_shown_with_a_warning(self):
+        owner = self.owner("5=1")
+        owner.stdin.close()
+        owner.wait(TIMEOUT)
+        warning = ("tarnreg: warning: core 'fpga' is not ready, its registers are shown as they were "
+                   "last known: its owner does not run any more\n")
+        self.assertEqual(self.shadow("get", "SCRATCH"), (0, "SCRATCH  0x00000001\n", warning))
+        self.assertEqual(self.shadow("list", "SCRATCH"), (0, "SCRATCH  0x00000001  -\n", warning))
+        code, out, err = self.shadow("get", "SCRATCH", "--json")
+        self.assertEqual((code, json.loads(out)["ready"], err), (0, False, warning))
+
     def test_unknown_names_are_told(self):
         self.owner()
         for arguments in (("get", "SCRATCHY"), ("set", "SCRATCHY=1"), ("unset", "SCRATCHY"),
@@ -124,7 +135,13 @@ class Shadow(TarnregTest):
         )
         code, out, err = self.shadow("set", "LED=3", "--wait", "--timeout", "0")
         self.assertEqual((code, out), (6, ""))
-        self.assertIn("LED has no value yet, not 0x3, after 0 s", err)
+        self.assertEqual(err, "tarnreg: error: LED is not known to be 0x3 after 0 s, and the wish "
+                              "stands; core 'fpga' is not ready: no owner of it has shown itself\n")
+        self.owner("6")
+        code, out, err = self.shadow("set", "LED=3", "--wait", "--timeout", "0")
+        self.assertEqual((code, out), (6, ""))
+        self.assertEqual(err, "tarnreg: error: LED has no value yet, not 0x3, after 0 s; the wish "
+                              "stands\n")
 
     def test_watches_what_is_held_and_its_changes(self):
         writer = self.start(WRITER, "fpga/status")
