@@ -1,11 +1,9 @@
 #include "nimbo/LinuxBackend.h"
 
-#include <fcntl.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -48,19 +46,19 @@ int transfer(int fd, std::span<::i2c_msg> messages) {
 
 LinuxBackend::LinuxBackend(std::string path, std::optional<std::chrono::milliseconds> timeout,
                            std::optional<unsigned> retries)
-   : _path(std::move(path)), _timeout(timeout), _retries(retries) {}
+   : _timeout(timeout), _retries(retries), _node(std::move(path)) {}
 
 LinuxBackend::~LinuxBackend() = default;
 
 void LinuxBackend::begin() {
-   if (!_isCurrent()) {
+   if (!_node.isCurrent()) {
       _open();
    }
    try {
-      _lock.emplace(_fd.fd(), LOCK_EX);
+      _lock.emplace(_node.fd(), LOCK_EX);
    } catch (const std::runtime_error& error) {
       throw std::system_error(std::make_error_code(std::errc::io_error),
-                              fmt::format("cannot lock {}: {}", _path, error.what()));
+                              fmt::format("cannot lock {}: {}", _node.path(), error.what()));
    }
 }
 
@@ -68,42 +66,34 @@ void LinuxBackend::end() noexcept {
    _lock.reset();
 }
 
-bool LinuxBackend::_isCurrent() const noexcept {
-   struct ::stat found = {};
-   // While the node is gone an open descriptor may still work, and says best what is wrong if not.
-   return _fd.fd() >= 0 && (::stat(_path.c_str(), &found) < 0 ||
-                            (found.st_dev == _fileSystem && found.st_ino == _inode));
-}
-
 void LinuxBackend::_open() {
-   TarnRegFile::Utils::UnixFdRes opened(::open(_path.c_str(), O_RDWR | O_CLOEXEC));
-   if (opened.fd() < 0) {
-      Platform::throwErrno(fmt::format("cannot open {}", _path));
+   const std::string& path = _node.path();
+   if (const int error = _node.open()) {
+      errno = error;
+      Platform::throwErrno(fmt::format("cannot open {}", path));
    }
-   struct ::stat status = {};
    unsigned long functions = 0;
-   if (::fstat(opened.fd(), &status) < 0 || ::ioctl(opened.fd(), I2C_FUNCS, &functions) < 0) {
-      Platform::throwErrno(fmt::format("cannot use {} as an I2C bus", _path));
+   if (const int error = control(_node.fd(), I2C_FUNCS, &functions)) {
+      _node.close();
+      errno = error;
+      Platform::throwErrno(fmt::format("cannot use {} as an I2C bus", path));
    }
    // What is only a wish is not worth the bus.
    if (_timeout) {
       const auto units = static_cast<unsigned long>((*_timeout + timeoutUnit / 2) / timeoutUnit);
-      if (const int error = control(opened.fd(), I2C_TIMEOUT, std::max(units, 1UL))) {
-         TARN_TRACE(traceSource, 0, "open", "{} keeps its time-out: {}", _path,
+      if (const int error = control(_node.fd(), I2C_TIMEOUT, std::max(units, 1UL))) {
+         TARN_TRACE(traceSource, 0, "open", "{} keeps its time-out: {}", path,
                     std::generic_category().message(error));
       }
    }
    if (_retries) {
-      if (const int error = control(opened.fd(), I2C_RETRIES, std::size_t{*_retries})) {
-         TARN_TRACE(traceSource, 0, "open", "{} keeps its number of retries: {}", _path,
+      if (const int error = control(_node.fd(), I2C_RETRIES, std::size_t{*_retries})) {
+         TARN_TRACE(traceSource, 0, "open", "{} keeps its number of retries: {}", path,
                     std::generic_category().message(error));
       }
    }
    _speaksI2c = (functions & I2C_FUNC_I2C) != 0;
-   _fileSystem = status.st_dev;
-   _inode = status.st_ino;
-   _fd = std::move(opened);
-   TARN_TRACE(traceSource, 2, "open", "Opened {}, {}", _path,
+   TARN_TRACE(traceSource, 2, "open", "Opened {}, {}", path,
               _speaksI2c ? "an I2C controller" : "an SMBus controller");
 }
 
@@ -124,7 +114,7 @@ int LinuxBackend::write(std::uint8_t device, std::span<const std::uint8_t> offse
    message.addr = device;
    message.len = static_cast<std::uint16_t>(bytes.size());
    message.buf = bytes.data();
-   return transfer(_fd.fd(), std::span(&message, 1));
+   return transfer(_node.fd(), std::span(&message, 1));
 }
 
 int LinuxBackend::read(std::uint8_t device, std::span<const std::uint8_t> offset,
@@ -142,7 +132,7 @@ int LinuxBackend::read(std::uint8_t device, std::span<const std::uint8_t> offset
    messages[1].flags = I2C_M_RD;
    messages[1].len = static_cast<std::uint16_t>(data.size());
    messages[1].buf = data.data();
-   return transfer(_fd.fd(), messages);
+   return transfer(_node.fd(), messages);
 }
 
 int LinuxBackend::_smbus(std::uint8_t device, std::uint8_t direction, std::uint8_t offset,
@@ -150,7 +140,7 @@ int LinuxBackend::_smbus(std::uint8_t device, std::uint8_t direction, std::uint8
    if (data.size() > I2C_SMBUS_BLOCK_MAX) {
       return EOPNOTSUPP;
    }
-   if (const int error = control(_fd.fd(), I2C_SLAVE, std::size_t{device})) {
+   if (const int error = control(_node.fd(), I2C_SLAVE, std::size_t{device})) {
       return error;
    }
    ::i2c_smbus_data block = {};
@@ -165,7 +155,7 @@ int LinuxBackend::_smbus(std::uint8_t device, std::uint8_t direction, std::uint8
    // A block has at least a byte of data; the offset alone is a byte sent.
    transfer.size = data.empty() ? I2C_SMBUS_BYTE : I2C_SMBUS_I2C_BLOCK_DATA;
    transfer.data = &block;
-   if (const int error = control(_fd.fd(), I2C_SMBUS, &transfer)) {
+   if (const int error = control(_node.fd(), I2C_SMBUS, &transfer)) {
       return error;
    }
    if (!isWrite) {

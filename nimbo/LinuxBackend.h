@@ -4,9 +4,8 @@
 #include <optional>
 #include <string>
 
-#include <sys/types.h>
-
 #include "nimbo/BusBackend.h"
+#include "platform/hardware/DeviceNode.h"
 #include "TarnRegFile/Utils.h"
 
 namespace Nimbo {
@@ -14,9 +13,9 @@ namespace Nimbo {
 /// One of the kernel's I2C buses, through its device node, with the node's exclusive lock (flock)
 /// held from begin() to end(): the one that programs which use the node directly take.
 ///
-/// The node is opened when it is first needed, and again after somebody put another one in its
-/// place: a bus that is not there yet, or that comes back, needs no restart. An error of a
-/// transfer closes nothing.
+/// The node is opened when it is first needed, given up when it has gone, and opened again when
+/// there is another in its place: a bus that is not there yet, or that comes back, needs no
+/// restart. An error of a transfer closes nothing.
 class LinuxBackend : public BusBackend {
 public:
    /// `timeout` and `retries` as the driver takes them (I2C_TIMEOUT, I2C_RETRIES); left as they
@@ -38,17 +37,13 @@ public:
 
 private:
    void _open();
-   bool _isCurrent() const noexcept;
    int _smbus(std::uint8_t device, std::uint8_t direction, std::uint8_t offset,
               std::span<std::uint8_t> data);
 
-   const std::string _path;
    const std::optional<std::chrono::milliseconds> _timeout;
    const std::optional<unsigned> _retries;
 
-   TarnRegFile::Utils::UnixFdRes _fd{-1};
-   ::dev_t _fileSystem = 0; // which file _fd is
-   ::ino_t _inode = 0;
+   Hardware::DeviceNode _node;
    bool _speaksI2c = false;
    std::optional<TarnRegFile::Utils::UnixFlockRes> _lock;
 };

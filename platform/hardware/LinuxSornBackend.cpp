@@ -1,10 +1,8 @@
 #include "platform/hardware/LinuxSornBackend.h"
 
-#include <fcntl.h>
 #include <linux/i2c-dev.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
@@ -25,43 +23,30 @@ int errnoOf(const Call& call) noexcept {
 
 } // namespace
 
-LinuxSornBackend::LinuxSornBackend(std::string path) : _path(std::move(path)) {}
+LinuxSornBackend::LinuxSornBackend(std::string path) : _node(std::move(path)) {}
 
-LinuxSornBackend::~LinuxSornBackend() {
-   _close();
-}
-
-void LinuxSornBackend::_close() noexcept {
-   if (_fd >= 0) {
-      ::close(_fd);
-      _fd = -1;
-   }
-   _device.reset();
-   _isStale = false;
-}
+LinuxSornBackend::~LinuxSornBackend() = default;
 
 int LinuxSornBackend::begin() noexcept {
-   if (_isStale) {
-      _close();
-   }
-   if (_fd < 0) {
-      _fd = ::open(_path.c_str(), O_RDWR | O_CLOEXEC);
-      if (_fd < 0) {
-         return errno;
+   if (_isStale || !_node.isCurrent()) {
+      _device.reset();
+      _isStale = false;
+      if (const int error = _node.open()) {
+         return error;
       }
    }
-   return errnoOf([this] { return ::flock(_fd, LOCK_EX); });
+   return errnoOf([this] { return ::flock(_node.fd(), LOCK_EX); });
 }
 
 void LinuxSornBackend::end() noexcept {
-   ::flock(_fd, LOCK_UN);
+   ::flock(_node.fd(), LOCK_UN);
 }
 
 int LinuxSornBackend::transfer(std::uint8_t device, std::uint8_t readWrite, std::uint8_t command,
                                i2c_smbus_data& data) noexcept {
    if (_device != device) {
-      const int error =
-         errnoOf([this, device] { return ::ioctl(_fd, I2C_SLAVE, static_cast<long>(device)); });
+      const int error = errnoOf(
+         [this, device] { return ::ioctl(_node.fd(), I2C_SLAVE, static_cast<long>(device)); });
       if (error != 0) {
          return error;
       }
@@ -72,7 +57,7 @@ int LinuxSornBackend::transfer(std::uint8_t device, std::uint8_t readWrite, std:
    request.command = command;
    request.size = I2C_SMBUS_I2C_BLOCK_DATA;
    request.data = &data;
-   const int error = errnoOf([this, &request] { return ::ioctl(_fd, I2C_SMBUS, &request); });
+   const int error = errnoOf([this, &request] { return ::ioctl(_node.fd(), I2C_SMBUS, &request); });
    // A driver that went says so; the next one is behind a new descriptor only.
    _isStale = error == ENODEV;
    return error;

@@ -399,13 +399,18 @@ TEST_F(LinuxBackendTest, ANodeThatWasReplacedByWhatIsNoneIsTriedEveryTime) {
    backend.end();
 }
 
-TEST_F(LinuxBackendTest, WhileItsNodeIsGoneADeviceIsUsedForAsLongAsItWorks) {
+TEST_F(LinuxBackendTest, ANodeThatHasGoneIsNotKeptOpen) {
    backend.begin();
    backend.end();
+   const std::vector<int> before = kernel.openFds();
+   ASSERT_EQ(before.size(), 1U);
    kernel.remove();
-   backend.begin();
-   EXPECT_NE(read(0x50, {1}, 1), 0); // the file behind it is no bus any more
-   backend.end();
+   kernel.calls.clear();
+   // The driver behind it waits for that, and nothing can come back before.
+   EXPECT_EQ(Failure([&] { backend.begin(); }),
+             Failure::system(ENOENT, "cannot open " + kernel.path()));
+   EXPECT_LT(::fcntl(before[0], F_GETFD), 0);
+   EXPECT_THAT(requests(), IsEmpty());
    kernel.replace();
    backend.begin();
    EXPECT_EQ(read(0x50, {1}, 1), 0);
