@@ -51,7 +51,8 @@ def _download(directory):
     for name in (package, "busybox-static"):
         done = run("apt-get", "download", "-q", name, cwd=directory)
         if done.returncode != 0:
-            raise Unavailable(f"apt-get cannot download {name}: {done.stderr.strip()}")
+            said = done.stderr.strip().splitlines() or [f"exit code {done.returncode}"]
+            raise Unavailable(f"apt-get cannot download {name}: {said[-1]}")
     return (glob.glob(os.path.join(directory, f"{package}_*.deb"))[0],
             glob.glob(os.path.join(directory, "busybox-static_*.deb"))[0])
 

@@ -27,10 +27,10 @@ import kernel  # noqa: E402
 import machine  # noqa: E402
 
 BOOTS = {"devices": ["case_stub", "case_eeprom", "case_pci", "case_shadow"],
-         "loss": ["case_loss"]}
+         "loss": ["case_loss", "case_bus"]}
 PROGRAMS = ("tarnreg", "nimbod", "tarn-shadowd", "vm_register_client", "shadow_client")
 TOOLS = {"qemu-system-x86_64": "qemu-system-x86", "depmod": "kmod", "modprobe": "kmod",
-         "i2cget": "i2c-tools", "dpkg-deb": "dpkg"}
+         "i2cget": "i2c-tools", "dpkg-deb": "dpkg", "setpriv": "util-linux"}
 
 # Seconds for one boot with its cases. An idle machine needs a small part of them.
 PATIENCE = int(os.environ.get("VM_PATIENCE", "1200"))
