@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,7 +14,9 @@ namespace Agent {
 /// plain value.
 struct Arguments : Board::ServiceArguments {
    std::string boardFile;
-   std::vector<std::string> cores; ///< in place of the file's, unless empty
+   std::vector<std::string> cores;            ///< in place of the file's, unless empty
+   std::optional<gid_t> group = std::nullopt; ///< of the tables
+   bool othersRead = false;                   ///< whether everybody may read them
 };
 
 } // namespace Agent

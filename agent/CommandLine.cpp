@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "board/Accounts.h"
 #include "board/ServiceCommandLine.h"
 
 namespace Agent {
@@ -27,6 +28,9 @@ std::optional<ExitCode> parseCommandLine(int argc, const char* const* argv, Argu
       "A device of the board file to look after; several are possible. In place of\nthose of "
       "the file",
       [&](const std::string& text) { arguments.cores.push_back(text); }, Times::many);
+   line.option("--group", "GROUP", "Whose members may read and wish, by name or number",
+               [&](const std::string& text) { arguments.group = Board::groupFrom(text); });
+   line.flag("--others-read", arguments.othersRead, "Let everybody read, and nothing more");
    line.serviceOptions(arguments);
    switch (line.parse(argc, argv)) {
    case ServiceCommandLine::Outcome::told:

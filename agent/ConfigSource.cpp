@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "agent/UsageError.h"
+#include "board/Accounts.h"
 #include "board/TomlTable.h"
 
 namespace Agent {
@@ -33,6 +34,11 @@ void takeSettings(TomlTable& table, Settings& settings) {
    if (settings.retryMost < settings.retryFirst) {
       table.failAt("retry_most_ms", "'retry_most_ms' must not be less than 'retry_first_ms'");
    }
+   takeMillis(table, "audit_interval_ms", 0, settings.auditInterval);
+   if (const toml::node* node = table.take("group")) {
+      settings.access.group = Board::groupFrom(table, *node, "group");
+   }
+   settings.access.othersRead = table.flag("others_read", settings.access.othersRead);
    settings.keptOperations = table.number("kept_operations", 1, mostKept, settings.keptOperations);
 }
 
@@ -97,6 +103,10 @@ Config configOf(const toml::table& root, const Board::BoardFile& board,
                                    "of {} names one",
                                    path));
    }
+   if (arguments.group) {
+      config.settings.access.group = arguments.group;
+   }
+   config.settings.access.othersRead |= arguments.othersRead;
    arguments.replaceIn(config);
    return config;
 }

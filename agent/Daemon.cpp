@@ -1,10 +1,13 @@
 #include "agent/Daemon.h"
 
 #include <csignal>
+#include <optional>
 #include <utility>
+#include <variant>
 
 #include <fmt/format.h>
 
+#include "board/PciPresence.h"
 #include "platform/metrics/Registry.h"
 #include "platform/trace/Trace.h"
 #include "TarnRegFile/RegisterFileHelper.h"
@@ -65,7 +68,11 @@ std::unique_ptr<CoreAgent> Daemon::_coreNew(const Board::DeviceEntry& device, co
                if (_isWatched) {
                   _notifier.alive();
                }
-            }},
+            },
+         .isThere = [url = device.url]() -> std::optional<bool> {
+            const auto* pci = std::get_if<Board::PciAt>(&url.where());
+            return pci ? Board::pciIsThere(pci->path) : std::nullopt;
+         }},
       config.settings, Platform::Metrics::processRegistry());
 }
 

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <system_error>
 #include <utility>
 
 #include <fmt/format.h>
 
+#include "platform/tables/CorruptionException.h"
 #include "platform/trace/Trace.h"
 
 namespace Agent {
@@ -25,17 +27,49 @@ constexpr const char* contradictory = "it says {} writes, and has {} registers a
 } // namespace
 
 OrderedRunner::OrderedRunner(Platform::EventLoop& loop, TarnRegFile::Ptr<Config> config,
-                             TarnRegFile::Ptr<Status> status, std::size_t kept, Handlers handlers)
+                             TarnRegFile::Ptr<Status> status, std::size_t kept, Counters& counters,
+                             Handlers handlers)
    : _config(std::move(config)), _status(std::move(status)), _kept(kept),
-     _handlers(std::move(handlers)), _turn(loop, [this] { _startNext(); }),
+     _handlers(std::move(handlers)), _counters(counters),
+     _turn(loop, [this] { _guarded([this] { _startNext(); }); }),
      _subscription(
         Platform::subscribe(*_config, Config::opAttr, [this](const Platform::Change& change) {
-           _noticed(change.key.as<Key>());
+           _guarded([&] { _noticed(change.key.as<Key>()); });
         })) {
    _scan();
 }
 
 OrderedRunner::~OrderedRunner() = default;
+
+/// What goes wrong with the tables is the agent's to mend.
+template <typename Work>
+void OrderedRunner::_guarded(const Work& work) {
+   try {
+      work();
+   } catch (const Platform::Tables::CorruptionException& error) {
+      _handlers.troubled(error.what());
+   } catch (const std::system_error& error) {
+      _handlers.troubled(error.what());
+   }
+}
+
+// The tables' entities end the process over a write that meets damage, so each is looked into
+// first.
+
+void OrderedRunner::_statusIs(const Op& op) {
+   _status->op().checkWrite(op.key());
+   _status->opIs(op);
+}
+
+void OrderedRunner::_statusDel(Key key) {
+   _status->op().checkWrite(key);
+   _status->opDel(key);
+}
+
+void OrderedRunner::_configDel(Key key) {
+   _config->op().checkWrite(key);
+   _config->opDel(key);
+}
 
 void OrderedRunner::_scan() {
    std::vector<Key> outcomes = _status->op().keys();
@@ -58,7 +92,7 @@ void OrderedRunner::_noticed(Key key) {
       // Claimed before: by an agent that died over it, or it was asked for again.
       TARN_TRACE(traceSource, 1, "noticed", "{}: operation {} was begun before and is not repeated",
                  _config->name(), key.stringRep());
-      _config->opDel(key);
+      _configDel(key);
       return;
    }
    _queue.push_back(key);
@@ -89,9 +123,17 @@ void OrderedRunner::_startNext() {
       go();
       return;
    }
+   if (op->key() != key) {
+      TARN_TRACE(traceSource, 0, "start", "{}: the record of operation {} is that of {}; removed",
+                 _config->name(), key.stringRep(), op->key().stringRep());
+      _configDel(key);
+      _handlers.idle();
+      go();
+      return;
+   }
    _done = Op(key);
    _done.opSizeIs(op->opSize());
-   _status->opIs(_done); // from here on it never begins again
+   _statusIs(_done); // from here on it never begins again
    _current = op;
    _index = 0;
    _counters.operations.Inc();
@@ -151,7 +193,7 @@ void OrderedRunner::result(bool isSuccess, const std::string& reason) {
    _counters.writes.Inc();
    // First: where the agent dies in between, an older wish must not undo what is told as written.
    _handlers.written(_done.regKey(index).address(), _done.regValue(index));
-   _status->opIs(_done);
+   _statusIs(_done);
    _step();
 }
 
@@ -171,7 +213,7 @@ void OrderedRunner::_end(const std::optional<std::string>& reason) {
       TARN_TRACE(traceSource, 0, "end", "{}: {}", _config->name(), text);
       _handlers.stopped(text);
    }
-   _config->opDel(op.key());
+   _configDel(op.key());
    _keep(op.key());
    _handlers.idle();
    go();
@@ -182,7 +224,7 @@ void OrderedRunner::_keep(Key key) {
    while (_ended.size() > _kept) {
       // Not what is still asked for: only the status says that it was begun.
       if (!_config->op().has(_ended.front())) {
-         _status->opDel(_ended.front());
+         _statusDel(_ended.front());
       }
       _ended.pop_front();
    }

@@ -49,11 +49,15 @@ public:
       std::function<void(const std::string& text)> stopped;
       /// An operation has ended, or was taken back before it began; nothing is under way.
       std::function<void()> idle;
+      /// A table cannot be used: it is damaged, or somebody keeps it. Nothing more is done then.
+      std::function<void(const std::string& text)> troubled;
    };
 
-   /// The tables are mounted. Up to `kept` outcomes are left in the table of status.
+   /// The tables are mounted. Up to `kept` outcomes are left in the table of status. `counters`
+   /// outlive it.
    OrderedRunner(Platform::EventLoop& loop, TarnRegFile::Ptr<Config> config,
-                 TarnRegFile::Ptr<Status> status, std::size_t kept, Handlers handlers);
+                 TarnRegFile::Ptr<Status> status, std::size_t kept, Counters& counters,
+                 Handlers handlers);
    ~OrderedRunner();
    OrderedRunner(const OrderedRunner&) = delete;
    OrderedRunner& operator=(const OrderedRunner&) = delete;
@@ -61,7 +65,8 @@ public:
    /// Begins the next operation if there is one and it may be: soon, from the loop.
    void go();
 
-   /// The result of the write under way.
+   /// The result of the write under way. As the next one, throws what the tables do, damage that a
+   /// write would meet included.
    void result(bool isSuccess, const std::string& reason);
 
    /// The device has gone: what is under way ends where it is.
@@ -71,23 +76,26 @@ public:
    bool busy() const noexcept { return _current.has_value(); }
    bool wantsToStart() const noexcept { return !_queue.empty(); }
 
-   const Counters& counters() const noexcept { return _counters; }
-
 private:
    using Key = Platform::UniqueId;
 
+   template <typename Work>
+   void _guarded(const Work& work);
    void _scan();
    void _noticed(Key key);
    void _startNext();
    void _step();
    void _end(const std::optional<std::string>& reason);
    void _keep(Key key);
+   void _statusIs(const Op& op);
+   void _statusDel(Key key);
+   void _configDel(Key key);
 
    const TarnRegFile::Ptr<Config> _config;
    const TarnRegFile::Ptr<Status> _status;
    const std::size_t _kept;
    const Handlers _handlers;
-   Counters _counters;
+   Counters& _counters;
 
    std::deque<Key> _queue;
    std::set<Key> _queued;

@@ -24,8 +24,8 @@ Probe::Probe(Platform::EventLoop& loop, TarnRegFile::Ptr<TarnRegFile::TransportM
      }) {
    _tap = tapNew(
       *_transport,
-      [this](const auto& regName, auto result, std::uint32_t) {
-         _result(regName, result == ResultTap::Result::Success);
+      [this](const auto& regName, auto result, std::uint32_t value) {
+         _result(regName, result == ResultTap::Result::Success, value);
       },
       [](const auto&, auto) {});
    _turn.startIn({});
@@ -57,7 +57,7 @@ void Probe::_issue() {
    }
 }
 
-void Probe::_result(const std::string& regName, bool isSuccess) {
+void Probe::_result(const std::string& regName, bool isSuccess, std::uint32_t value) {
    if (_isFailed) {
       return;
    }
@@ -66,7 +66,7 @@ void Probe::_result(const std::string& regName, bool isSuccess) {
       return;
    }
    ++_read;
-   _handlers.progress(_read);
+   _handlers.read(regName, value, _read);
    if (_answer.active()) {
       _answer.startIn(_answerTimeout);
    }

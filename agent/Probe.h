@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -28,7 +29,7 @@ public:
       /// The end: null if all registers could be read.
       std::function<void(const Failure* failure)> done;
       /// A register was read; how many are by now.
-      std::function<void(std::size_t read)> progress;
+      std::function<void(const std::string& regName, std::uint32_t value, std::size_t read)> read;
       /// Why the access of a register failed, as far as it is known.
       std::function<std::string(const std::string& regName)> reason;
    };
@@ -43,7 +44,7 @@ public:
 
 private:
    void _issue();
-   void _result(const std::string& regName, bool isSuccess);
+   void _result(const std::string& regName, bool isSuccess, std::uint32_t value);
    void _end(Failure failure);
    void _finish();
 

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <cstddef>
 
+#include "agent/TableAccess.h"
+
 namespace Agent {
 
 /// How a core is looked after. A plain value.
@@ -16,6 +18,12 @@ struct Settings {
 
    /// How long an asynchronous device may go without any answer while it is probed or read.
    std::chrono::milliseconds answerTimeout{30'000};
+
+   /// How often the tables are looked through for damage that nobody has met yet; 0 for never.
+   std::chrono::milliseconds auditInterval{60'000};
+
+   /// Who else may use the tables.
+   AccessRights access;
 
    /// Outcomes of ordered operations that are kept; the oldest go first.
    std::size_t keptOperations = 1024;

@@ -2,11 +2,15 @@
 
 namespace Agent {
 
-using Platform::Tables::TableRole;
-
-StateTable::StateTable(Platform::Tables::TableService& service, const std::string& name)
+StateTable::StateTable(Platform::Tables::TableService& service, const std::string& name,
+                       const Options& options)
    : _table(name, *this) {
-   _table.mount(service, {.role = TableRole::writer});
+   _table.mount(service, options);
+}
+
+std::string StateTable::problem() const {
+   const auto found = _table.tableMount()->audit();
+   return found.problems.empty() ? std::string() : found.problems.front();
 }
 
 } // namespace Agent

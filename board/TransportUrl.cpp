@@ -29,7 +29,6 @@ namespace Board {
 
 namespace {
 
-constexpr const char* valuesFileVariable = "REG_VALUES_FILE";
 constexpr const char* pciDevices = "/sys/bus/pci/devices/";
 constexpr std::uint32_t maxI2cAddress = 0x7f;
 constexpr std::uint32_t maxSpiMode = 3;
@@ -300,9 +299,11 @@ Platform::Ptr<TarnRegFile::BaseTransportDescriptor>
 TransportUrl::descriptor(Platforms* platforms) const {
    using Descriptor = Platform::Ptr<TarnRegFile::BaseTransportDescriptor>;
    return std::visit(
-      Overloaded{[](const MockAt& mock) -> Descriptor {
+      Overloaded{[platforms](const MockAt& mock) -> Descriptor {
                     if (!mock.valuesFile.empty()) {
                        ::setenv(valuesFileVariable, mock.valuesFile.c_str(), 1);
+                    } else if (platforms) {
+                       platforms->restoreEnvironment(valuesFileVariable);
                     }
                     return TarnRegFile::mockTransportDescriptorFactory();
                  },
@@ -322,9 +323,12 @@ TransportUrl::descriptor(Platforms* platforms) const {
                     access->readyIs(true);
                     return TarnRegFile::spiTransportDescriptorFactory(access);
                  },
-                 [](const SmbusAt& smbus) -> Descriptor {
+                 [platforms](const SmbusAt& smbus) -> Descriptor {
                     if (!smbus.socket.empty()) {
                        socketIs(smbus.socket);
+                    } else if (platforms) {
+                       platforms->restoreEnvironment(socketDirectoryVariable);
+                       platforms->restoreEnvironment(socketFileVariable);
                     }
                     return TarnRegFile::nimboSmbusTransportDescriptorFactory(
                        smbus.busId, smbus.devAddr, smbus.accelId, smbus.flavour, smbus.pciAddr);

@@ -54,6 +54,9 @@ struct SornAt {
    std::uint32_t timeout = 0; ///< milliseconds that an access may take; 0 for no limit
 };
 
+/// What the mock finds its values file by.
+inline constexpr const char* valuesFileVariable = "REG_VALUES_FILE";
+
 /// What the SMBus transport finds its daemon's socket by: a directory, and a name in it.
 inline constexpr const char* socketDirectoryVariable = "NM_SOCKET_DIR";
 inline constexpr const char* socketFileVariable = "NM_SOCKET_FILE";
@@ -95,9 +98,11 @@ public:
    /// A new descriptor that selects the transport. A PCI device is mapped for it; it throws what
    /// Hardware::pciHwAccessImplFactory() throws. For a mock with a path it also points
    /// REG_VALUES_FILE, which the mock reads, there, and for a daemon with a socket the two
-   /// variables that the SMBus transport reads: to be called while the process has one thread. What
-   /// it points there stays so, for those that say nothing themselves too. Throws std::system_error
-   /// ENAMETOOLONG (generic category) for a socket of more than 107 characters.
+   /// variables that the SMBus transport reads: to be called while the process has one thread, and
+   /// followed by the making of the transport before it is called for another one. A mock or a
+   /// daemon without gets the environment that `platforms` found; without `platforms`, what was
+   /// pointed there last. Throws std::system_error ENAMETOOLONG (generic category) for a socket of
+   /// more than 107 characters.
    ///
    /// The access manager of `platforms` has the device of sorn:, and throws what
    /// Hardware::SornManager::linuxBus() throws; without it, std::logic_error is thrown. The other

@@ -92,6 +92,9 @@ public:
 
    bool has(const Key& key) const { return get(key).has_value(); }
 
+   /// As TableMount::checkWrite(): throws if a write under `key` would meet damage.
+   void checkWrite(const Key& key) const { _mounted().checkWrite(_bytesOf(key)); }
+
    /// Inserts or replaces a record.
    void put(const R& record) {
       RecordWords words;

@@ -343,6 +343,54 @@ Finding TableEditor::del(const Key& key, Word* removed, Place& place) noexcept {
    return {};
 }
 
+Finding TableEditor::check(const Key& key) const noexcept {
+   Place place;
+   const Finding finding = find(key, _scratch, place, Content::copied);
+   const bool isThere = finding.isDone();
+   if (!isThere && finding.kind != Finding::Kind::absent) {
+      return finding;
+   }
+   Index index;
+   if (!_currentIndex(index)) {
+      return Finding::corrupted(badDescriptor);
+   }
+   Word count = 0;
+   Word highWater = 0;
+   Word freeHead = 0;
+   Word allocated = 0;
+   Word tombstones = 0;
+   Word head = 0;
+   if (!control(Control::count, count) || !control(Control::highWater, highWater) ||
+       !control(Control::freeHead, freeHead) || !control(Control::allocated, allocated) ||
+       !control(Control::tombstones, tombstones) || !control(Control::journalHead, head) ||
+       allocated > _shape.maxRecords || highWater > allocated || count > highWater ||
+       freeHead > highWater || (isThere && count == 0)) {
+      return Finding::corrupted(badCounters);
+   }
+   if (isThere) {
+      return {};
+   }
+   if (freeHead != 0) {
+      const auto slot = static_cast<std::uint32_t>(freeHead - 1);
+      Word value = 0;
+      if (!Seal::unseal(loadRelaxed(_slot(slot)), _slotSalt(slot), value) || (value & liveBit) ||
+          !Seal::unseal(loadRelaxed(_link(slot)), _linkSalt(slot), value)) {
+         return Finding::corrupted(badFreeList, slot);
+      }
+   }
+   if ((count + tombstones + 1) * 4 > (index.mask + 1) * 3) {
+      // The index is going to be filled anew, from all records.
+      Word words[wordsFor(256)];
+      for (std::uint32_t slot = 0; slot < highWater; ++slot) {
+         const Finding read = readSlot(slot, words, _scratch, place);
+         if (!read.isDone() && read.kind != Finding::Kind::absent) {
+            return Finding::corrupted(badRecord, slot);
+         }
+      }
+   }
+   return {};
+}
+
 Finding TableEditor::_rebuildSlots(Word highWater) noexcept {
    Word count = 0;
    Word freeHead = 0;

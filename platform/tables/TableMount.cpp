@@ -201,6 +201,13 @@ public:
       return _found(finding, place);
    }
 
+   void checkWrite(std::span<const std::uint8_t> key) const {
+      _checkMayWrite();
+      Word words[wordsFor(256)];
+      const TableImage::Key wanted = _key(key, words);
+      _checkDone(_locked([&]() noexcept { return _editor->check(wanted); }));
+   }
+
    std::size_t count() const {
       Word value = 0;
       const bool intact = _image.control(TableImage::Control::count, value);
@@ -520,6 +527,10 @@ bool TableMount::put(std::span<const std::uint8_t> key, std::span<const std::uin
 std::optional<std::size_t> TableMount::del(std::span<const std::uint8_t> key,
                                            std::span<std::uint64_t> record) {
    return _impl->del(key, record);
+}
+
+void TableMount::checkWrite(std::span<const std::uint8_t> key) const {
+   _impl->checkWrite(key);
 }
 
 std::size_t TableMount::count() const {

@@ -89,6 +89,11 @@ public:
    std::optional<std::size_t> del(std::span<const std::uint8_t> key,
                                   std::span<std::uint64_t> record);
 
+   /// Looks at all that a put() or del() of `key` would look at, and changes nothing: throws what
+   /// these would throw of damage, of the lock, and of who may write. For who must not be stopped
+   /// by a write that meets damage; what others damage after that is not known.
+   void checkWrite(std::span<const std::uint8_t> key) const;
+
    /// Records in the table.
    std::size_t count() const;
 

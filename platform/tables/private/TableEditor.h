@@ -43,6 +43,10 @@ public:
    /// corrupted.
    Finding del(const Key& key, Word* removed, Place& place) noexcept;
 
+   /// Looks at all that put() and del() of `key` would look at, and writes nothing. done or
+   /// corrupted.
+   Finding check(const Key& key) const noexcept;
+
    /// Puts in order what a dead writer left. done or corrupted. Needs no memory.
    Finding recover() noexcept;
 

@@ -33,12 +33,13 @@ def wait_for(condition, what):
 class Agent:
     """One run of tarn-shadowd."""
 
-    def __init__(self, case, *options, wrapper=(), settings=None):
+    def __init__(self, case, *options, wrapper=(), settings=None, user=None, group=None):
         self.lines = []
         self.process = subprocess.Popen(
             [*wrapper, SHADOWD, "--board", case.board, *options], stdin=subprocess.DEVNULL,
             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
-            env={**case.env, **(settings or {})})
+            env={**case.env, **(settings or {})}, user=user, group=group,
+            extra_groups=None if user is None else [])
         self.reader = threading.Thread(target=self._read)
         self.reader.start()
         case.addCleanup(self.kill)

@@ -17,16 +17,19 @@ std::optional<ExitCode> parse(std::vector<const char*> words, Arguments& argumen
 
 TEST(ShadowCommandLine, TakesEveryOption) {
    Arguments arguments;
-   EXPECT_EQ(parse({"--board", "b.toml", "--core", "a", "--core", "b", "--metrics", "[::1]:9100",
-                    "--trace", "3", "--log", "syslog", "--check"},
-                   arguments),
-             std::nullopt);
+   EXPECT_EQ(
+      parse({"--board", "b.toml", "--core", "a", "--core", "b", "--metrics", "[::1]:9100",
+             "--trace", "3", "--log", "syslog", "--check", "--group", "root", "--others-read"},
+            arguments),
+      std::nullopt);
    EXPECT_EQ(arguments.boardFile, "b.toml");
    EXPECT_THAT(arguments.cores, testing::ElementsAre("a", "b"));
    EXPECT_EQ(arguments.metrics, "[::1]:9100");
    EXPECT_EQ(arguments.traceLevels, "*=3");
    EXPECT_EQ(arguments.log, Board::LogTarget::systemLog);
    EXPECT_TRUE(arguments.check);
+   EXPECT_EQ(arguments.group, 0u);
+   EXPECT_TRUE(arguments.othersRead);
 }
 
 TEST(ShadowCommandLine, WhatIsNotSaidIsLeftToTheFile) {
@@ -37,6 +40,8 @@ TEST(ShadowCommandLine, WhatIsNotSaidIsLeftToTheFile) {
    EXPECT_EQ(arguments.traceLevels, std::nullopt);
    EXPECT_EQ(arguments.log, std::nullopt);
    EXPECT_FALSE(arguments.check);
+   EXPECT_EQ(arguments.group, std::nullopt);
+   EXPECT_FALSE(arguments.othersRead);
 }
 
 TEST(ShadowCommandLine, AWrongOneIsAnErrorOfUsage) {

@@ -46,6 +46,9 @@ TEST(ShadowConfig, NamesTheDevicesThatAreCores) {
    EXPECT_EQ(config.settings.retryFirst, milliseconds(500));
    EXPECT_EQ(config.settings.retryMost, milliseconds(30'000));
    EXPECT_EQ(config.settings.keptOperations, 1024u);
+   EXPECT_EQ(config.settings.auditInterval, milliseconds(60'000));
+   EXPECT_EQ(config.settings.access.group, std::nullopt);
+   EXPECT_FALSE(config.settings.access.othersRead);
    EXPECT_EQ(config.metrics, "");
    EXPECT_EQ(config.traceLevels, "");
    EXPECT_EQ(config.log, Board::LogTarget::standardError);
@@ -54,13 +57,17 @@ TEST(ShadowConfig, NamesTheDevicesThatAreCores) {
 TEST(ShadowConfig, TakesEveryKey) {
    const Config config =
       read("[shadow]\ncores = [\"fpga\"]\ncheck_interval_ms = 0\nretry_first_ms = 1\n"
-           "retry_most_ms = 2\nanswer_timeout_ms = 3\nkept_operations = 4\nmetrics = \"9100\"\n"
+           "retry_most_ms = 2\nanswer_timeout_ms = 3\nkept_operations = 4\naudit_interval_ms = "
+           "5\ngroup = 7\nothers_read = true\nmetrics = \"9100\"\n"
            "trace = 7\nlog = \"syslog\"\n");
    EXPECT_EQ(config.settings.checkInterval, milliseconds(0));
    EXPECT_EQ(config.settings.retryFirst, milliseconds(1));
    EXPECT_EQ(config.settings.retryMost, milliseconds(2));
    EXPECT_EQ(config.settings.answerTimeout, milliseconds(3));
    EXPECT_EQ(config.settings.keptOperations, 4u);
+   EXPECT_EQ(config.settings.auditInterval, milliseconds(5));
+   EXPECT_EQ(config.settings.access.group, 7u);
+   EXPECT_TRUE(config.settings.access.othersRead);
    EXPECT_EQ(config.metrics, "9100");
    EXPECT_EQ(config.traceLevels, "*=7");
    EXPECT_EQ(config.log, Board::LogTarget::systemLog);
@@ -70,11 +77,15 @@ TEST(ShadowConfig, TheCommandLineGoesFirst) {
    Arguments arguments;
    arguments.cores = {"cpld"};
    arguments.metrics = "9200";
+   arguments.group = 8;
+   arguments.othersRead = true;
    arguments.log = Board::LogTarget::standardError;
    const Config config =
       read("[shadow]\ncores = [\"fpga\"]\nmetrics = \"9100\"\nlog = \"syslog\"\n", arguments);
    EXPECT_THAT(names(config), testing::ElementsAre("cpld"));
    EXPECT_EQ(config.metrics, "9200");
+   EXPECT_EQ(config.settings.access.group, 8u);
+   EXPECT_TRUE(config.settings.access.othersRead);
    EXPECT_EQ(config.log, Board::LogTarget::standardError);
 }
 
@@ -101,9 +112,11 @@ TEST(ShadowConfig, WhatIsWrongIsSaidWithItsPlace) {
              "dir/board.toml:8:18: core 'fpga' is named twice");
    EXPECT_EQ(refusal("[shadow]\ncores = \"fpga\"\n"),
              "dir/board.toml:8:9: 'cores' must be an array of names of devices");
-   for (const char* line : {"retry_first_ms = 0", "retry_most_ms = 499", "check_interval_ms = -1",
-                            "kept_operations = 0", "log = \"file\"", "trace = \"x\"",
-                            "metrics = \"nowhere\"", "unknown = 1", "answer_timeout_ms = 0"}) {
+   for (const char* line :
+        {"retry_first_ms = 0", "retry_most_ms = 499", "check_interval_ms = -1",
+         "kept_operations = 0", "log = \"file\"", "trace = \"x\"", "metrics = \"nowhere\"",
+         "unknown = 1", "answer_timeout_ms = 0", "audit_interval_ms = -1",
+         "group = \"no-such-group\"", "group = 1.5", "others_read = 1"}) {
       EXPECT_THAT(refusal(std::string("[shadow]\ncores = [\"fpga\"]\n") + line + "\n"),
                   testing::StartsWith("dir/board.toml:9:"))
          << line;

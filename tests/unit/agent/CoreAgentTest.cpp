@@ -57,8 +57,16 @@ protected:
             .registers = file,
             .descriptor = [this] { return TarnRegFile::pciTransportDescriptorFactory(access); },
             .reason = [](const std::string& /*regName*/) { return "out of order"; },
-            .alive = {}},
+            .alive = {},
+            .isThere = isThere},
          settings, registry);
+   }
+
+   /// What the registers of a device that has gone read.
+   void allOnesAre() {
+      for (const std::size_t offset : {0U, 4U, 8U}) {
+         space.wordIs(offset, 0xffffffff);
+      }
    }
 
    bool until(const std::function<bool()>& predicate) { return loop.runUntil(predicate, patience); }
@@ -80,6 +88,7 @@ protected:
       Hardware::hardwareRegisterFileFactory("list");
    Settings settings;
    int accesses = 0;
+   std::function<std::optional<bool>()> isThere;
    std::function<bool(int)> fails; // whether the access of that number does
    std::optional<CoreAgent> agent;
 };
@@ -178,6 +187,94 @@ TEST_F(CoreAgentTest, OneFailedReadIsNoLoss) {
    EXPECT_EQ(agent->state().generation, 1u);
    EXPECT_EQ(agent->state().losses, 0u);
    EXPECT_EQ(agent->state().errors, 1u);
+}
+
+TEST_F(CoreAgentTest, ADeviceOfWhichEverythingReadsAllOnesIsLost) {
+   settings.checkInterval = std::chrono::milliseconds(1);
+   make();
+   ASSERT_TRUE(untilReady(1));
+   allOnesAre();
+   ASSERT_TRUE(until([this] { return !agent->state().ready; }));
+   EXPECT_EQ(agent->state().losses, 1u);
+   EXPECT_EQ(agent->state().lastError, "fpga: lost the device: register 'ID': it reads all ones, "
+                                       "and so does every other register");
+   // While it is away no generation begins.
+   ASSERT_TRUE(until([this] { return agent->state().phase == CorePhase::waiting; }));
+   const int before = accesses;
+   ASSERT_TRUE(until([this, before] { return accesses > before + 10; }));
+   EXPECT_EQ(agent->state().generation, 1u);
+   EXPECT_EQ(agent->state().losses, 1u);
+   EXPECT_THAT(agent->state().lastError, HasSubstr("cannot use the device: register 'ID'"));
+   space.wordIs(8, 5);
+   ASSERT_TRUE(untilReady(2));
+}
+
+TEST_F(CoreAgentTest, ARegisterOfAllOnesAmongOthersIsNoLoss) {
+   settings.checkInterval = std::chrono::milliseconds(1);
+   space.wordIs(0, 0xffffffff); // the one that is looked at regularly
+   space.wordIs(8, 0xffffffff);
+   make();
+   ASSERT_TRUE(untilReady(1));
+   const int before = accesses;
+   ASSERT_TRUE(until([this, before] { return accesses > before + 10; }));
+   EXPECT_EQ(agent->state().generation, 1u);
+   EXPECT_EQ(agent->state().losses, 0u);
+   EXPECT_EQ(agent->state().errors, 0u);
+   EXPECT_TRUE(agent->state().ready);
+}
+
+TEST_F(CoreAgentTest, WhoWatchesTheBusKnowsBetterThanTheRegisters) {
+   settings.checkInterval = std::chrono::milliseconds(1);
+   bool isOnBus = true;
+   isThere = [&] { return isOnBus; };
+   allOnesAre();
+   make();
+   ASSERT_TRUE(untilReady(1)) << "it is there, whatever it holds";
+   const int before = accesses;
+   ASSERT_TRUE(until([this, before] { return accesses > before + 5; }));
+   EXPECT_EQ(agent->state().losses, 0u);
+   isOnBus = false;
+   ASSERT_TRUE(until([this] { return agent->state().losses == 1; }));
+   EXPECT_EQ(agent->state().generation, 1u);
+   EXPECT_THAT(agent->state().lastError,
+               HasSubstr("it reads all ones, and the device is not on its bus"));
+   isOnBus = true;
+   ASSERT_TRUE(untilReady(2));
+}
+
+TEST_F(CoreAgentTest, TheBusIsNotAskedAboutOtherValues) {
+   isThere = [] { return std::optional(false); };
+   make();
+   EXPECT_TRUE(untilReady(1));
+}
+
+TEST_F(CoreAgentTest, ADeviceThatGoesWhileTheShadowIsFilledNeverBecomesReady) {
+   access->onAccess = [this] {
+      if (++accesses == 5) { // of the sync, the second
+         allOnesAre();
+      }
+   };
+   make();
+   ASSERT_TRUE(until([this] { return agent->state().phase == CorePhase::waiting; }));
+   // ID was read before, but nobody relies on that.
+   EXPECT_EQ(agent->state().losses, 0u);
+   EXPECT_FALSE(agent->state().ready);
+   EXPECT_THAT(agent->state().lastError, HasSubstr("it reads all ones"));
+   space.wordIs(0, 1);
+   ASSERT_TRUE(untilReady(2));
+}
+
+TEST_F(CoreAgentTest, TheOnlyRegisterIsBelieved) {
+   file = Hardware::hardwareRegisterFileFactory("one");
+   file->addrBlockSizeIs(4);
+   registerIs("ID", 0, false);
+   settings.checkInterval = std::chrono::milliseconds(1);
+   allOnesAre();
+   make();
+   ASSERT_TRUE(untilReady(1));
+   const int before = accesses;
+   ASSERT_TRUE(until([this, before] { return accesses > before + 5; }));
+   EXPECT_EQ(agent->state().losses, 0u);
 }
 
 TEST_F(CoreAgentTest, ANewGenerationIsBegunOnRequestAlsoWhileAProbeRuns) {

@@ -44,7 +44,7 @@ protected:
    }
 
    void make() {
-      runner.emplace(loop, ops, outcomes, 10,
+      runner.emplace(loop, ops, outcomes, 10, counters,
                      OrderedRunner::Handlers{
                         .canStart = [this] { return isReady; },
                         .write = [this](std::uint32_t address,
@@ -60,7 +60,8 @@ protected:
                               }
                            },
                         .stopped = [](const std::string&) {},
-                        .idle = [this] { ++idle; }});
+                        .idle = [this] { ++idle; },
+                        .troubled = [this](const std::string& text) { troubles.push_back(text); }});
    }
 
    static OrderedRegisterOp operation(std::uint64_t id, std::uint32_t size) {
@@ -74,6 +75,8 @@ protected:
    }
 
    Platform::EventLoop loop;
+   OrderedRunner::Counters counters;
+   std::vector<std::string> troubles;
    TestSupport::TempDir directory;
    Platform::Tables::TableService service{
       loop, Platform::Tables::TableDirectory(directory.path("tables"))};

@@ -268,6 +268,22 @@ TEST(TransportUrl, AnSmbusDevicesSocketGoesBeforeTheEnvironment) {
    EXPECT_EQ(named("smbus:1@1?socket=x/y"), "x y");
 }
 
+TEST(TransportUrl, WhatOneDeviceIsPointedAtIsNotAnothers) {
+   const EnvironmentVariable values("REG_VALUES_FILE", std::nullopt);
+   const EnvironmentVariable directory("NM_SOCKET_DIR", "/from");
+   const EnvironmentVariable file("NM_SOCKET_FILE", std::nullopt);
+   Board::Platforms platforms;
+   TransportUrl("mock:/given").descriptor(&platforms);
+   EXPECT_STREQ(std::getenv("REG_VALUES_FILE"), "/given");
+   TransportUrl("mock:").descriptor(&platforms);
+   EXPECT_EQ(std::getenv("REG_VALUES_FILE"), nullptr);
+   TransportUrl("smbus:1@1?socket=/run/x/y").descriptor(&platforms);
+   EXPECT_STREQ(std::getenv("NM_SOCKET_FILE"), "y");
+   TransportUrl("smbus:1@1").descriptor(&platforms);
+   EXPECT_STREQ(std::getenv("NM_SOCKET_DIR"), "/from");
+   EXPECT_EQ(std::getenv("NM_SOCKET_FILE"), nullptr);
+}
+
 TEST(TransportUrl, ARelativeSocketCountsFromTheDirectoryGiven) {
    const auto socket = [](const char* text) {
       TransportUrl url(text);

@@ -515,4 +515,37 @@ TEST(Seal, GivesBackWhatWasSealedAndFindsEveryFlippedBit) {
    }
 }
 
+/// Who is stopped by a write that meets damage can know before.
+TEST_F(Damage, AWriteThatWasLookedIntoMeetsNone) {
+   std::size_t told = 0;
+   for (std::size_t offset = page; offset + 8 <= original.size(); offset += 8) {
+      const std::string before = original.substr(offset, 8);
+      if (before == std::string(8, '\0') && offset % 97 != 0) {
+         continue; // most of the file is a hole
+      }
+      for (const std::uint32_t key : {std::uint32_t{4}, std::uint32_t{499}}) {
+         TableMount writing(directory, "table", writer(damagedShape()));
+         std::string flipped = before;
+         flipped[offset / 8 % 8] = static_cast<char>(flipped[offset / 8 % 8] ^ 0x10);
+         patch(offset, flipped);
+         bool isTold = false;
+         try {
+            writing.checkWrite(bytes(key));
+            EXPECT_EQ(content("table.tbl").substr(offset, 8), flipped) << "something was written";
+         } catch (const CorruptionException&) {
+            isTold = true;
+            ++told;
+         } catch (const std::system_error& error) {
+            isTold = true; // the lock's word
+            EXPECT_LT(offset, 2 * page) << error.what();
+         }
+         if (!isTold) {
+            EXPECT_NO_THROW(writing.put(bytes(key), bytes(1))) << offset;
+         }
+         restore();
+      }
+   }
+   EXPECT_GT(told, 10U);
+}
+
 } // namespace

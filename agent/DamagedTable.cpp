@@ -1,0 +1,162 @@
+#include "agent/DamagedTable.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <optional>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "platform/tables/TableMount.h"
+#include "TarnRegFile/Utils.h"
+
+namespace Agent {
+
+namespace {
+
+using Platform::Tables::CorruptionException;
+using Platform::Tables::TableMount;
+using Platform::Tables::TableRole;
+using TarnRegFile::Utils::UnixFdRes;
+
+using Bytes = std::vector<std::uint8_t>;
+using Words = std::vector<std::uint64_t>;
+
+constexpr int safely = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+
+Bytes bytesOf(const Words& words, std::size_t size) {
+   const auto* const begin = reinterpret_cast<const std::uint8_t*>(words.data());
+   return Bytes(begin, begin + size);
+}
+
+/// Copies what a file holds, and leaves its holes out. False if that does not work.
+bool copied(int from, int to) {
+   struct stat status = {};
+   if (::fstat(from, &status) != 0 || ::ftruncate(to, status.st_size) != 0) {
+      return false;
+   }
+   std::array<char, 65536> buffer;
+   for (off_t at = 0; at < status.st_size;) {
+      at = ::lseek(from, at, SEEK_DATA);
+      if (at < 0) {
+         return errno == ENXIO; // only a hole is left
+      }
+      const off_t end = ::lseek(from, at, SEEK_HOLE);
+      while (at < end) {
+         const auto wanted = std::min(buffer.size(), static_cast<std::size_t>(end - at));
+         const ssize_t size = ::pread(from, buffer.data(), wanted, at);
+         if (size <= 0 || ::pwrite(to, buffer.data(), static_cast<std::size_t>(size), at) != size) {
+            return false;
+         }
+         at += size;
+      }
+   }
+   return true;
+}
+
+struct Salvage {
+   std::vector<std::pair<Bytes, Bytes>> records;
+   std::size_t lost = 0;
+   bool isKnown = false;
+};
+
+Salvage salvaged(const Platform::Tables::TableDirectory& directory, const std::string& name,
+                 const DamagedTable::IsRecord& isRecord) {
+   Salvage salvage;
+   try {
+      // As a reader, who need not find everything in order.
+      const TableMount mount(directory, name, {});
+      Words key(mount.keyWords());
+      Words record(mount.recordWords());
+      for (std::uint32_t position = 0;;) {
+         const std::uint32_t before = position;
+         try {
+            const std::optional<std::size_t> size = mount.next(position, key, record);
+            if (!size) {
+               salvage.isKnown = true;
+               break;
+            }
+            std::pair<Bytes, Bytes> found(bytesOf(key, mount.shape().keySize),
+                                          bytesOf(record, *size));
+            if (isRecord(found.first, found.second)) {
+               salvage.records.push_back(std::move(found));
+            } else {
+               ++salvage.lost;
+            }
+         } catch (const CorruptionException&) {
+            if (position == before) {
+               break; // it is not known how many there are
+            }
+            ++salvage.lost;
+         }
+      }
+   } catch (const CorruptionException&) {
+      // Nothing of it can be read.
+   }
+   return salvage;
+}
+
+} // namespace
+
+std::string DamagedTable::_path(const std::string& suffix) const {
+   return _directory.path() + '/' + Platform::Tables::TableDirectory::fileName(_name) + suffix;
+}
+
+/// Copies the table's file; empty if it cannot be kept.
+std::string DamagedTable::_keep() const {
+   const std::string kept = _path(".damaged");
+   const UnixFdRes from(::open(_path(".tbl").c_str(), O_RDONLY | safely));
+   if (from.fd() < 0) {
+      return "";
+   }
+   std::rename(kept.c_str(), (kept + ".old").c_str());
+   const UnixFdRes to(::open(kept.c_str(), O_WRONLY | O_CREAT | O_EXCL | safely, 0600));
+   if (to.fd() < 0 || !copied(from.fd(), to.fd())) {
+      ::unlink(kept.c_str());
+      return "";
+   }
+   return kept;
+}
+
+DamagedTable::Outcome
+DamagedTable::replace(const Platform::Tables::TableShape& shape,
+                      const Platform::Tables::TableBase::MountOptions& options,
+                      const IsRecord& isRecord) const {
+   const Salvage salvage = isRecord ? salvaged(_directory, _name, isRecord) : Salvage{};
+   Outcome outcome;
+   outcome.file = _keep();
+   outcome.lost = salvage.lost;
+   outcome.isKnown = salvage.isKnown;
+   {
+      const UnixFdRes old(::open(_path(".tbl").c_str(), O_WRONLY | safely));
+      UnixFdRes bell(::open(_path(".bell").c_str(), O_WRONLY | safely));
+      try {
+         _directory.tableDel(_name, true);
+      } catch (const std::system_error& error) {
+         if (error.code().value() != ENOENT) {
+            throw;
+         }
+      }
+      // Closing the bell wakes who sleeps; that nothing more can be done for them is no failure.
+      static_cast<void>(old.fd() >= 0 && ::ftruncate(old.fd(), 0) == 0);
+   }
+   TableMount mount(_directory, _name,
+                    {.role = TableRole::writer,
+                     .shape = shape,
+                     .create = true,
+                     .mode = options.mode,
+                     .group = options.group});
+   for (const auto& [key, record] : salvage.records) {
+      mount.put(key, record);
+      ++outcome.kept;
+   }
+   return outcome;
+}
+
+} // namespace Agent
