@@ -230,8 +230,7 @@ void CoreAgent::_declare() {
    using Kind = TableAccess::Kind;
    using TarnRegFile::Sable::OrderedRegisterOp;
    const auto add = [this](Kind kind, const auto& table, DamagedTable::IsRecord isRecordOf) {
-      const auto control =
-         Platform::Tables::collectionControlFactory(_service, _access.options(kind));
+      auto control = Platform::Tables::collectionControlFactory(_service, _access.options(kind));
       _mounts.push_back(
          {kind, &table, control, std::move(isRecordOf), [&table] { checkRecords(table); }});
       return control;
@@ -325,8 +324,8 @@ DamagedTable::Outcome CoreAgent::_replace(const std::string& tableName,
                                           TableAccess::Kind kind,
                                           const DamagedTable::IsRecord& isRecordOf,
                                           const std::string& problem) {
-   const DamagedTable::Outcome outcome = DamagedTable(_service.directory(), tableName)
-                                            .replace(shape, _access.options(kind), isRecordOf);
+   DamagedTable::Outcome outcome = DamagedTable(_service.directory(), tableName)
+                                      .replace(shape, _access.options(kind), isRecordOf);
    std::string records = "what it held is found out again";
    if (isRecordOf) {
       records =

@@ -110,7 +110,7 @@ std::string DamagedTable::_path(const std::string& suffix) const {
 
 /// Copies the table's file; empty if it cannot be kept.
 std::string DamagedTable::_keep() const {
-   const std::string kept = _path(".damaged");
+   std::string kept = _path(".damaged");
    const UnixFdRes from(::open(_path(".tbl").c_str(), O_RDONLY | safely));
    if (from.fd() < 0) {
       return "";
