@@ -88,6 +88,16 @@ class Shadowd(Case):
                          "removed", self.await_state(ready="true")["error"])
         wait_for(lambda: agent.says("address 0x40 is configured"), "the message")
 
+    def test_a_core_in_memory_has_no_other_cores_values(self):
+        self.agent("--core", "fpga", "--core", "cpld")
+        self.await_state(phase="ready")
+        self.await_state("cpld", phase="ready")
+        self.assertEqual(["0x0=0x1d", "0x4=0xc", "0x8=0x5"], self.registers())
+        self.assertEqual(["0x0=0x0", "0x4=0x0", "0x8=0x0"], self.registers("cpld/status"))
+        self.client("put", "cpld/config", 8, 0x99)
+        self.await_registers("0x8=0x99", table="cpld/status")
+        self.assertEqual("5", self.value(8))
+
     def test_hup_begins_a_new_generation_of_all_cores(self):
         agent = self.agent("--core", "fpga", "--core", "cpld")
         for core in ("fpga", "cpld"):

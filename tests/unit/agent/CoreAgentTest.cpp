@@ -5,10 +5,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <optional>
 #include <stdexcept>
 
+#include "platform/tables/TableMount.h"
 #include "platform/trace/CaptureScope.h"
 #include "TarnRegFile/PciTransportDescriptor.h"
 #include "tests/support/JournalPciAccess.h"
@@ -275,6 +277,104 @@ TEST_F(CoreAgentTest, TheOnlyRegisterIsBelieved) {
    const int before = accesses;
    ASSERT_TRUE(until([this, before] { return accesses > before + 5; }));
    EXPECT_EQ(agent->state().losses, 0u);
+}
+
+TEST_F(CoreAgentTest, ABusErrorWhileIdleIsALoss) {
+   settings.checkInterval = std::chrono::milliseconds(1);
+   make();
+   ASSERT_TRUE(untilReady(1));
+   space.sizeIs(0);
+   ASSERT_TRUE(until([this] { return agent->state().losses == 1; }));
+   EXPECT_FALSE(agent->state().ready);
+   EXPECT_FALSE(agent->state().valid);
+   space.sizeIs(4096);
+   ASSERT_TRUE(untilReady(2));
+}
+
+TEST_F(CoreAgentTest, ABusErrorWhileTheShadowIsFilledEndsTheGeneration) {
+   access->onAccess = [this] {
+      if (++accesses == 5) {
+         space.sizeIs(0);
+      }
+   };
+   make();
+   ASSERT_TRUE(until([this] { return agent->state().phase == CorePhase::waiting; }));
+   EXPECT_EQ(agent->state().generation, 1u);
+   EXPECT_EQ(agent->state().losses, 0u) << "nobody relied on it";
+   EXPECT_EQ(accesses, 5) << "what failed is not read on";
+   space.sizeIs(4096);
+   ASSERT_TRUE(untilReady(2));
+}
+
+TEST_F(CoreAgentTest, ABusErrorWhileItWritesIsALossAndTheWishIsWrittenOnceAfterwards) {
+   using namespace TarnRegFile::Sable;
+   make();
+   ASSERT_TRUE(untilReady(1));
+   const auto wishes = shadowRegisterConfigFactory("fpga/config");
+   wishes->regMapControlIs(Platform::Tables::collectionControlFactory(
+      tables, {.role = Platform::Tables::TableRole::writer}));
+   wishes->regMapControl()->mount();
+   const int before = accesses;
+   access->onAccess = [this, before] {
+      if (++accesses == before + 1) {
+         space.sizeIs(0); // between the wish and its write
+      }
+   };
+   wishes->regMapIs(CoreRegister(CoreRegisterKey(8), 1));
+   ASSERT_TRUE(until([this] { return agent->state().losses == 1; }));
+   EXPECT_EQ(access->journal.at(static_cast<std::size_t>(before)), "guarded write 0x8 0x1");
+   wishes->regMapIs(CoreRegister(CoreRegisterKey(8), 2));
+   access->journal.clear();
+   space.sizeIs(4096);
+   ASSERT_TRUE(untilReady(2));
+   EXPECT_EQ(std::count_if(access->journal.begin(), access->journal.end(),
+                           [](const auto& line) { return line.find("write") != line.npos; }),
+             1);
+   EXPECT_THAT(access->journal, testing::Contains("guarded write 0x8 0x2"));
+   wishes->regMapControl()->unmount();
+}
+
+TEST_F(CoreAgentTest, AnEntryUnderAnothersKeyIsRemovedAndWritesNothing) {
+   using namespace TarnRegFile::Sable;
+   const auto put = [this](std::uint32_t key, const CoreRegister& record) {
+      std::vector<std::uint8_t> bytes(record.serializeLen());
+      record.serialize(bytes.data());
+      std::vector<std::uint8_t> keyBytes(CoreRegisterKey::serializedLen);
+      CoreRegisterKey(key).serialize(keyBytes.data());
+      Platform::Tables::TableMount(tables.directory(), "fpga/config",
+                                   {.role = Platform::Tables::TableRole::writer})
+         .put(keyBytes, bytes);
+   };
+   make();
+   put(8, CoreRegister(CoreRegisterKey(0x100), 7)); // which no register has
+   ASSERT_TRUE(untilReady(1)) << "and not the end of the process";
+   EXPECT_EQ(agent->state().lastError,
+             "fpga: the entry of address 0x8 is one of address 0x100; it is removed");
+   put(4, CoreRegister(CoreRegisterKey(8), 7));
+   ASSERT_TRUE(until([this] {
+      return agent->state().lastError ==
+             "fpga: the entry of address 0x4 is one of address 0x8; it is removed";
+   }));
+   EXPECT_TRUE(agent->state().ready);
+   EXPECT_EQ(space.word(8), 0u);
+   EXPECT_EQ(space.word(4), 0xcu);
+}
+
+TEST_F(CoreAgentTest, AFloodOfRequestsIsOneGenerationAtATime) {
+   using namespace TarnRegFile::Sable;
+   make();
+   ASSERT_TRUE(untilReady(1));
+   const auto request = shadowRegisterConfigFactory("fpga/request");
+   request->regMapControlIs(Platform::Tables::collectionControlFactory(
+      tables, {.role = Platform::Tables::TableRole::writer}));
+   request->regMapControl()->mount();
+   for (std::uint32_t number = 1; number <= 5000; ++number) {
+      request->regMapIs(CoreRegister(CoreRegisterKey(0), number));
+   }
+   ASSERT_TRUE(
+      until([this] { return agent->state().lastRequest == 5000 && agent->state().ready; }));
+   EXPECT_LT(agent->state().generation, 10u);
+   request->regMapControl()->unmount();
 }
 
 TEST_F(CoreAgentTest, ANewGenerationIsBegunOnRequestAlsoWhileAProbeRuns) {

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <functional>
 #include <optional>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "platform/tables/CollectionControl.h"
+#include "platform/tables/TableMount.h"
 #include "platform/tables/TableService.h"
 #include "tests/support/TempDir.h"
 
@@ -50,7 +52,10 @@ protected:
                         .write = [this](std::uint32_t address,
                                         std::uint32_t value) -> std::optional<std::string> {
                            writes.emplace_back(address, value);
-                           loop.post([this] { runner->result(true, ""); });
+                           const bool isSuccess = static_cast<int>(writes.size()) != failing;
+                           loop.post([this, isSuccess] {
+                              runner->result(isSuccess, isSuccess ? "" : "out of order");
+                           });
                            return std::nullopt;
                         },
                         .written =
@@ -59,7 +64,7 @@ protected:
                                  onWritten(address);
                               }
                            },
-                        .stopped = [](const std::string&) {},
+                        .stopped = [this](const std::string& text) { stopped.push_back(text); },
                         .idle = [this] { ++idle; },
                         .troubled = [this](const std::string& text) { troubles.push_back(text); }});
    }
@@ -77,6 +82,8 @@ protected:
    Platform::EventLoop loop;
    OrderedRunner::Counters counters;
    std::vector<std::string> troubles;
+   std::vector<std::string> stopped;
+   int failing = 0; // the number of the write that fails
    TestSupport::TempDir directory;
    Platform::Tables::TableService service{
       loop, Platform::Tables::TableDirectory(directory.path("tables"))};
@@ -118,6 +125,127 @@ TEST_F(OrderedRunnerTest, AnOutcomeTellsOfAWriteOnlyAfterWhoReplacesTheWishHasBe
    EXPECT_THAT(writes, ElementsAre(Pair(0, 1), Pair(4, 2), Pair(8, 3)));
    EXPECT_EQ(outcomes->op().get(UniqueId(7)), operation(7, 3));
    EXPECT_FALSE(ops->op().has(UniqueId(7)));
+}
+
+TEST_F(OrderedRunnerTest, OperationsRunInTheOrderInWhichTheyAreNoticedAndEachOnce) {
+   ops->opIs(operation(9, 1));
+   ops->opIs(operation(3, 1));
+   make(); // what is there already goes by its ids
+   std::vector<std::uint64_t> begun;
+   const auto order = Platform::subscribe(*outcomes, OrderedRegisterStatus::opAttr,
+                                          [&](const Platform::Change& change) {
+                                             const auto id = change.key.as<UniqueId>().value();
+                                             if (begun.empty() || begun.back() != id) {
+                                                begun.push_back(id);
+                                             }
+                                          });
+   ops->opIs(operation(5, 1));
+   ops->opIs(operation(1, 1));
+   ops->opIs(operation(5, 1)); // again, while it waits
+   EXPECT_TRUE(loop.runUntil([this] { return idle == 4; }, patience));
+   EXPECT_THAT(begun, ElementsAre(3, 9, 5, 1));
+   EXPECT_EQ(writes.size(), 4u);
+   EXPECT_EQ(ops->op().size(), 0u);
+   EXPECT_EQ(counters.operations.Value(), 4);
+   EXPECT_EQ(counters.writes.Value(), 4);
+   EXPECT_EQ(counters.incomplete.Value(), 0);
+   // Asked for again when it has ended: removed, and not run.
+   ops->opIs(operation(5, 1));
+   EXPECT_TRUE(loop.runUntil([this] { return ops->op().size() == 0; }, patience));
+   loop.poll();
+   EXPECT_EQ(writes.size(), 4u);
+}
+
+TEST_F(OrderedRunnerTest, WhatADeadAgentHadBegunIsNeverBegunAgain) {
+   OrderedRegisterOp claim(UniqueId(7));
+   claim.opSizeIs(3);
+   outcomes->opIs(claim);
+   ops->opIs(operation(7, 3));
+   ops->opIs(operation(8, 1));
+   make();
+   EXPECT_TRUE(loop.runUntil([this] { return idle == 1; }, patience));
+   EXPECT_THAT(writes, ElementsAre(Pair(0, 1))) << "of the other one";
+   EXPECT_EQ(ops->op().size(), 0u);
+   EXPECT_EQ(outcomes->op().get(UniqueId(7)), claim) << "as far as is known";
+}
+
+TEST_F(OrderedRunnerTest, AnOperationStopsAtItsFirstFailure) {
+   make();
+   failing = 2;
+   ops->opIs(operation(7, 3));
+   EXPECT_TRUE(loop.runUntil([this] { return idle == 1; }, patience));
+   EXPECT_EQ(writes.size(), 2u);
+   EXPECT_EQ(outcomes->op().get(UniqueId(7))->opSize(), 3u);
+   EXPECT_EQ(outcomes->op().get(UniqueId(7))->regKeyCount(), 1u);
+   EXPECT_THAT(stopped, ElementsAre("operation 0x0000000000000007 stopped after 1 of 3 writes: "
+                                    "out of order"));
+   EXPECT_EQ(counters.incomplete.Value(), 1);
+}
+
+TEST_F(OrderedRunnerTest, ARecordThatContradictsItselfIsNoOperation) {
+   make();
+   OrderedRegisterOp tooMuch = operation(1, 2);
+   tooMuch.opSizeIs(255);
+   OrderedRegisterOp tooLittle = operation(2, 2);
+   tooLittle.opSizeIs(1);
+   OrderedRegisterOp nothing(UniqueId(3));
+   nothing.opSizeIs(0); // which is one, of no writes
+   OrderedRegisterOp noValues(UniqueId(4));
+   noValues.opSizeIs(1);
+   noValues.regKeyIs(OpIndex(0), CoreRegisterKey(4));
+   for (const auto& op : {tooMuch, tooLittle, nothing, noValues}) {
+      ops->opIs(op);
+   }
+   EXPECT_TRUE(loop.runUntil([this] { return idle == 4; }, patience));
+   EXPECT_THAT(writes, IsEmpty());
+   EXPECT_EQ(ops->op().size(), 0u);
+   EXPECT_THAT(
+      stopped,
+      ElementsAre("operation 0x0000000000000001 stopped after 0 of 255 writes: it says 255 "
+                  "writes, and has 2 registers and 2 values",
+                  "operation 0x0000000000000002 stopped after 0 of 1 writes: it says 1 "
+                  "writes, and has 2 registers and 2 values",
+                  "operation 0x0000000000000004 stopped after 0 of 1 writes: it says 1 "
+                  "writes, and has 1 registers and 0 values"));
+}
+
+TEST_F(OrderedRunnerTest, ARecordUnderAnothersKeyIsRemoved) {
+   make();
+   const OrderedRegisterOp op = operation(7, 1);
+   std::vector<std::uint8_t> record(op.serializeLen());
+   op.serialize(record.data());
+   std::vector<std::uint8_t> key(8);
+   UniqueId(6).serialize(key.data());
+   Platform::Tables::TableMount(service.directory(), "ops",
+                                {.role = Platform::Tables::TableRole::writer})
+      .put(key, record);
+   EXPECT_TRUE(loop.runUntil([this] { return ops->op().size() == 0; }, patience));
+   loop.poll();
+   EXPECT_THAT(writes, IsEmpty());
+   EXPECT_EQ(outcomes->op().size(), 0u);
+   EXPECT_THAT(troubles, IsEmpty());
+}
+
+TEST_F(OrderedRunnerTest, OnlyTheLatestOutcomesAreKept) {
+   make();
+   for (std::uint64_t id = 1; id <= 25; ++id) {
+      ops->opIs(operation(id, 1));
+   }
+   EXPECT_TRUE(loop.runUntil([this] { return idle == 25; }, patience));
+   EXPECT_EQ(outcomes->op().size(), 10u);
+   EXPECT_FALSE(outcomes->op().has(UniqueId(15)));
+   EXPECT_TRUE(outcomes->op().has(UniqueId(16)));
+   EXPECT_EQ(writes.size(), 25u);
+}
+
+TEST_F(OrderedRunnerTest, DamageIsToldAndNothingIsWrittenIntoIt) {
+   make();
+   const std::string file = directory.path("tables/ops-status.tbl");
+   ASSERT_EQ(::truncate(file.c_str(), 4096), 0);
+   ops->opIs(operation(7, 1));
+   EXPECT_TRUE(loop.runUntil([this] { return !troubles.empty(); }, patience));
+   EXPECT_THAT(troubles.front(), testing::HasSubstr("shared table 'ops-status' is corrupted"));
+   EXPECT_THAT(writes, IsEmpty()) << "what cannot be claimed is not begun";
 }
 
 } // namespace

@@ -1,0 +1,150 @@
+// What becomes of a damaged table.
+
+#include "agent/DamagedTable.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/tables/TableMount.h"
+#include "tests/support/TempDir.h"
+
+namespace Agent {
+namespace {
+
+using namespace Platform::Tables;
+using Bytes = std::vector<std::uint8_t>;
+
+TableShape shape() {
+   TableShape of;
+   of.keyType = "Key";
+   of.recordType = "Record";
+   of.keySize = 4;
+   of.recordSize = 8;
+   of.maxRecords = 1000;
+   return of;
+}
+
+Bytes bytesOf(std::uint32_t value) {
+   Bytes bytes(4);
+   std::memcpy(bytes.data(), &value, sizeof value);
+   return bytes;
+}
+
+class DamagedTableTest : public testing::Test {
+protected:
+   DamagedTableTest() {
+      TableMount mount(tables, "t", {.role = TableRole::writer, .shape = shape(), .create = true});
+      for (std::uint32_t key = 1; key <= 100; ++key) {
+         mount.put(bytesOf(key), bytesOf(0xabcd0000 + key));
+      }
+   }
+
+   std::string file(const std::string& suffix) const { return directory.path("tables/t" + suffix); }
+
+   /// Damages the record of a key.
+   void damage(std::uint32_t key) const {
+      const int fd = ::open(file(".tbl").c_str(), O_RDWR);
+      const std::uint32_t value = 0xabcd0000 + key;
+      const auto size = static_cast<std::size_t>(std::filesystem::file_size(file(".tbl")));
+      std::string content(size, '\0');
+      ASSERT_EQ(::pread(fd, content.data(), size, 0), static_cast<ssize_t>(size));
+      const std::size_t at =
+         content.find(std::string(reinterpret_cast<const char*>(&value), sizeof value));
+      ASSERT_NE(at, std::string::npos);
+      ASSERT_EQ(::pwrite(fd, "?", 1, static_cast<off_t>(at)), 1);
+      ::close(fd);
+   }
+
+   DamagedTable::Outcome replace(const DamagedTable::IsRecord& isRecord) {
+      return DamagedTable(tables, "t").replace(shape(), {.role = TableRole::writer}, isRecord);
+   }
+   static DamagedTable::IsRecord all() {
+      return [](auto key, auto record) { return key.size() == 4 && record.size() == 4; };
+   }
+   std::size_t count() const { return TableMount(tables, "t", {}).count(); }
+
+   TestSupport::TempDir directory;
+   TableDirectory tables{directory.path("tables")};
+};
+
+TEST_F(DamagedTableTest, EveryUndamagedRecordIsInTheNewOne) {
+   damage(7);
+   damage(50);
+   const auto outcome = replace(all());
+   EXPECT_EQ(outcome.kept, 98u);
+   EXPECT_EQ(outcome.lost, 2u);
+   EXPECT_TRUE(outcome.isKnown);
+   EXPECT_EQ(outcome.file, file(".damaged"));
+   const TableMount mount(tables, "t", {.role = TableRole::writer}); // which looks through it
+   EXPECT_EQ(mount.count(), 98u);
+   std::vector<std::uint64_t> record(mount.recordWords());
+   EXPECT_EQ(mount.get(bytesOf(7), record), std::nullopt);
+   EXPECT_EQ(mount.get(bytesOf(8), record), 4u);
+   EXPECT_EQ(static_cast<std::uint32_t>(record.front()), 0xabcd0008);
+}
+
+TEST_F(DamagedTableTest, WhatIsNoRecordIsLeftOut) {
+   const auto outcome = replace([](auto key, auto) { return key.front() != 9; });
+   EXPECT_EQ(outcome.kept, 99u);
+   EXPECT_EQ(outcome.lost, 1u);
+}
+
+TEST_F(DamagedTableTest, OneThatIsFoundOutAgainBeginsEmpty) {
+   const auto outcome = replace({});
+   EXPECT_EQ(outcome.kept, 0u);
+   EXPECT_EQ(count(), 0u);
+}
+
+TEST_F(DamagedTableTest, OfNoTableAtAllNothingIsKnown) {
+   std::filesystem::resize_file(file(".tbl"), 100);
+   const auto outcome = replace(all());
+   EXPECT_EQ(outcome.kept, 0u);
+   EXPECT_FALSE(outcome.isKnown);
+   EXPECT_EQ(count(), 0u);
+   EXPECT_EQ(std::filesystem::file_size(file(".damaged")), 100u);
+}
+
+TEST_F(DamagedTableTest, TheLastTwoAreKeptAsTheyWere) {
+   std::string before(1000, '\0');
+   const int fd = ::open(file(".tbl").c_str(), O_RDONLY);
+   ASSERT_EQ(::pread(fd, before.data(), before.size(), 4096), 1000);
+   ::close(fd);
+   replace({});
+   EXPECT_EQ(directory.read("tables/t.damaged").substr(4096, 1000), before);
+   replace({});
+   EXPECT_EQ(directory.read("tables/t.damaged.old").substr(4096, 1000), before);
+   EXPECT_NE(directory.read("tables/t.damaged").substr(4096, 1000), before);
+   replace({});
+   EXPECT_NE(directory.read("tables/t.damaged.old").substr(4096, 1000), before);
+   EXPECT_THAT(tables.tableNames(), testing::ElementsAre("t")) << "they are no tables";
+}
+
+TEST_F(DamagedTableTest, WhoHasTheOldOneMountedMeetsTheDamage) {
+   const TableMount reader(tables, "t", {});
+   TableMount writer(tables, "t", {.role = TableRole::writer});
+   replace(all());
+   std::vector<std::uint64_t> record(reader.recordWords());
+   EXPECT_THROW(reader.get(bytesOf(8), record), CorruptionException);
+   EXPECT_THROW(writer.put(bytesOf(8), bytesOf(1)), CorruptionException);
+   EXPECT_EQ(count(), 100u);
+}
+
+TEST_F(DamagedTableTest, NoLinkIsFollowed) {
+   directory.write("precious", "x");
+   std::filesystem::create_symlink(directory.path("precious"), file(".damaged.old"));
+   std::filesystem::create_symlink(directory.path("precious"), file(".damaged"));
+   replace({});
+   replace({});
+   EXPECT_EQ(directory.read("precious"), "x");
+}
+
+} // namespace
+} // namespace Agent
