@@ -146,9 +146,9 @@ TEST_F(OrderedRunnerTest, OperationsRunInTheOrderInWhichTheyAreNoticedAndEachOnc
    EXPECT_THAT(begun, ElementsAre(3, 9, 5, 1));
    EXPECT_EQ(writes.size(), 4u);
    EXPECT_EQ(ops->op().size(), 0u);
-   EXPECT_EQ(counters.operations.Value(), 4);
-   EXPECT_EQ(counters.writes.Value(), 4);
-   EXPECT_EQ(counters.incomplete.Value(), 0);
+   EXPECT_EQ(counters.operations.value(), 4u);
+   EXPECT_EQ(counters.writes.value(), 4u);
+   EXPECT_EQ(counters.incomplete.value(), 0u);
    // Asked for again when it has ended: removed, and not run.
    ops->opIs(operation(5, 1));
    EXPECT_TRUE(loop.runUntil([this] { return ops->op().size() == 0; }, patience));
@@ -179,7 +179,7 @@ TEST_F(OrderedRunnerTest, AnOperationStopsAtItsFirstFailure) {
    EXPECT_EQ(outcomes->op().get(UniqueId(7))->regKeyCount(), 1u);
    EXPECT_THAT(stopped, ElementsAre("operation 0x0000000000000007 stopped after 1 of 3 writes: "
                                     "out of order"));
-   EXPECT_EQ(counters.incomplete.Value(), 1);
+   EXPECT_EQ(counters.incomplete.value(), 1u);
 }
 
 TEST_F(OrderedRunnerTest, ARecordThatContradictsItselfIsNoOperation) {
