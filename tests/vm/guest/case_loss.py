@@ -192,7 +192,7 @@ class Unplugged(Case):
             self.assertIn("No such file or directory",
                           self.tarnreg_fails(self.list, edu.url(0), "read", "ID"))
             host.ask("plug", device="edu")
-            wait_for(lambda: os.path.exists(edu.folder), "the device")
+            wait_for(lambda: os.path.exists(f"{edu.folder}/resource0"), "the device")
             self.assertEqual({"ID": IDENTIFICATION},
                              self.values(self.list, Function(*EDU).url(0), "ID"))
 
@@ -207,7 +207,7 @@ class Unplugged(Case):
             self.assertIn("No such file or directory",
                           self.tarnreg_fails(self.list, shared.url(2), "read", "ID"))
             put("/sys/bus/pci/rescan", "1")
-            wait_for(lambda: os.path.exists(shared.folder), "the function")
+            wait_for(lambda: os.path.exists(f"{shared.folder}/resource2"), "the function")
             self.assertEqual({"LIVE": 0x12345678},
                              self.values(self.list, Function(*SHARED).url(2), "LIVE"))
 
@@ -225,9 +225,11 @@ class Unplugged(Case):
             host.ask("fill", word=0)
             host.ask("put", number=0, value=2)
             host.ask("plug", device="shared")
-            wait_for(lambda: os.path.exists(shared.folder), "the device")
-            Function(*SHARED)
-            agent.await_state(phase="ready", generation=2)
+            wait_for(lambda: os.path.exists(f"{shared.folder}/resource2"), "the device")
+            # Before its memory is switched on a probe finds nothing wrong, and nothing there.
+            Function(*SHARED).enable()
+            agent.begin_generation()
+            agent.await_value("ID", 2)
             agent.await_value("LIVE", 0x77)
-            self.assertEqual(2, agent.get("ID"))
+            self.assertGreater(int(agent.await_state(phase="ready")["generation"]), 1)
             self.assertEqual([[0, 2], [1, 0x77]], host.ask("words", other_than=0))

@@ -1,12 +1,16 @@
 """Runs the cases of one boot, as the guest's only process, and tells the host of each."""
 
 import os
+import signal
 import sys
 import time
 import traceback
 import unittest
 
 import host
+
+# Seconds for a case. One that hangs fails, and the others still have their turn.
+PATIENCE = 600
 
 # What QEMU makes its exit code of; the host expects it when all went well, and only then.
 GOOD, BAD = 0x10, 0x20
@@ -20,7 +24,12 @@ class Result(unittest.TestResult):
     def startTest(self, test):
         super().startTest(test)
         self.began = time.monotonic()
+        signal.alarm(PATIENCE)
         print(f"case {test.id()}", flush=True)
+
+    def stopTest(self, test):
+        super().stopTest(test)
+        signal.alarm(0)
 
     def _tell(self, test, outcome, text=""):
         seconds = round(time.monotonic() - self.began, 1) if self.began else 0
@@ -45,7 +54,12 @@ class Result(unittest.TestResult):
         self._tell(test, "failed", f"skipped: {reason}")
 
 
+def give_up(*_):
+    raise AssertionError(f"not done after {PATIENCE} s")
+
+
 def run():
+    signal.signal(signal.SIGALRM, give_up)
     suite = unittest.defaultTestLoader.loadTestsFromNames(host.SETTING["cases"])
     result = Result()
     suite.run(result)
