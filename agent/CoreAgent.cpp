@@ -590,8 +590,8 @@ void CoreAgent::_tapTransport() {
 }
 
 void CoreAgent::_ready(bool ready) {
-   _state.ready = ready;
-   if (!ready) {
+   _state.ready = ready && !_failure && !_trouble;
+   if (!_state.ready) {
       return;
    }
    _answer.cancel();
@@ -757,7 +757,7 @@ void CoreAgent::_accessFailed(const std::string& regName, const std::string& rea
       return;
    }
    _failure = Failure{regName, reason};
-   if (!_state.ready) {
+   if (!_core->ready()) { // else it may be writing what is configured, and relies on its transport
       _core->transportDel(); // which ends the reads of a synchronous one
    }
    _failing.startIn({});
@@ -942,6 +942,10 @@ void CoreAgent::_progress(std::size_t read) {
       _show();
       if (_hardware.alive) {
          _hardware.alive();
+      }
+      if (_hardware.isToEnd && _core && !_core->ready() && _core->transport() &&
+          _hardware.isToEnd()) {
+         _core->transportDel(); // whoever has the loop next ends it all
       }
    }
 }

@@ -53,6 +53,9 @@ public:
       std::function<std::string(const std::string& regName)> reason;
       /// Called while long work goes on.
       std::function<void()> alive;
+      /// Whether the agent is to end, so that there is no use in filling the shadow. Asked while
+      /// that keeps the loop from hearing of it.
+      std::function<bool()> isToEnd = {};
       /// Whether the device is on its bus, by another word than its own; none if nobody knows.
       std::function<std::optional<bool>()> isThere = {};
    };

@@ -33,6 +33,7 @@ Daemon::Daemon(const Config& config, const ReasonSource& reason)
    : _loop(_platforms.eventLoop()), _tables(_loop),
      _isWatched(Board::ServiceNotifier::watchdogInterval().has_value()),
      _signals(_loop, {SIGTERM, SIGINT, SIGHUP}, [this](int signal) { _signal(signal); }),
+     _ends(_urgent, {SIGTERM, SIGINT}, [this](int) { _isToEnd = true; }),
      _watchdog(_loop, [this] { _notifier.alive(); }) {
    if (!config.metrics.empty()) {
       // That of the process, as the tables count there.
@@ -68,6 +69,11 @@ std::unique_ptr<CoreAgent> Daemon::_coreNew(const Board::DeviceEntry& device, co
                if (_isWatched) {
                   _notifier.alive();
                }
+            },
+         .isToEnd =
+            [this] {
+               _urgent.poll();
+               return _isToEnd;
             },
          .isThere = [url = device.url]() -> std::optional<bool> {
             const auto* pci = std::get_if<Board::PciAt>(&url.where());

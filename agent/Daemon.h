@@ -9,6 +9,7 @@
 #include "agent/CoreAgent.h"
 #include "board/Platforms.h"
 #include "board/ServiceNotifier.h"
+#include "platform/entity/EventLoop.h"
 #include "platform/entity/SignalWatch.h"
 #include "platform/entity/Timer.h"
 #include "platform/metrics/Exposer.h"
@@ -50,6 +51,10 @@ private:
    std::vector<std::unique_ptr<CoreAgent>> _cores;
    std::unique_ptr<Platform::Metrics::Exposer> _exposer;
    Platform::SignalWatch _signals;
+   // Looked into by who keeps the other loop busy for long.
+   Platform::EventLoop _urgent;
+   bool _isToEnd = false;
+   Platform::SignalWatch _ends;
    Platform::Timer _watchdog;
 };
 

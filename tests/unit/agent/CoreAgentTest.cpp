@@ -334,6 +334,51 @@ TEST_F(CoreAgentTest, ABusErrorWhileItWritesIsALossAndTheWishIsWrittenOnceAfterw
    wishes->regMapControl()->unmount();
 }
 
+/// It used to end the process: the state machine goes on with the next wish, and had no transport.
+TEST_F(CoreAgentTest, ALossWhileSeveralWishesOfTheBeginningAreWrittenEndsTheGenerationOnly) {
+   using namespace TarnRegFile::Sable;
+   const auto wishes = shadowRegisterConfigFactory("fpga/config");
+   wishes->regMapControlIs(Platform::Tables::collectionControlFactory(
+      tables, {.role = Platform::Tables::TableRole::writer}));
+   wishes->regMapControl()->mount();
+   wishes->regMapIs(CoreRegister(CoreRegisterKey(4), 1));
+   wishes->regMapIs(CoreRegister(CoreRegisterKey(8), 2));
+   fails = [](int number) { return number == 7; }; // the first write, behind probe and sync
+   make();
+   ASSERT_TRUE(untilReady(2));
+   EXPECT_EQ(agent->state().losses, 0u);
+   EXPECT_EQ(agent->state().errors, 1u);
+   EXPECT_EQ(space.word(4), 1u);
+   EXPECT_EQ(space.word(8), 2u);
+   wishes->regMapControl()->unmount();
+}
+
+TEST_F(CoreAgentTest, WhoIsToEndFillsNoShadow) {
+   bool isAsked = false;
+   agent.emplace(
+      loop, tables,
+      CoreAgent::Hardware{
+         .name = "fpga",
+         .registers = file,
+         .descriptor = [this] { return TarnRegFile::pciTransportDescriptorFactory(access); },
+         .reason = {},
+         .alive = {},
+         .isToEnd = [&isAsked] { return isAsked = true; },
+      },
+      settings, registry);
+   access->onAccess = [this] {
+      if (++accesses == 4) {
+         // Longer than it takes until it is asked; nothing waits for it.
+         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(101);
+         while (std::chrono::steady_clock::now() < end) {
+         }
+      }
+   };
+   ASSERT_TRUE(until([&isAsked] { return isAsked; }));
+   EXPECT_EQ(accesses, 4) << "three of the probe, and one of the sync";
+   EXPECT_FALSE(agent->state().ready);
+}
+
 TEST_F(CoreAgentTest, AnEntryUnderAnothersKeyIsRemovedAndWritesNothing) {
    using namespace TarnRegFile::Sable;
    const auto put = [this](std::uint32_t key, const CoreRegister& record) {
