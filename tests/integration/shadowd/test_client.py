@@ -4,6 +4,7 @@ import json
 import os
 import re
 import signal
+import subprocess
 import unittest
 
 from agent import TIMEOUT, Agent, Case, Simulated, wait_for
@@ -253,6 +254,26 @@ class Mock(Client, Case):
         code, _, err = self.shadow("outcome", out.strip())
         self.assertEqual(3, code)
         self.assertIn("its outcome is not kept", err)
+
+
+class Example(Client, Simulated):
+    def run_it(self):
+        done = subprocess.run([os.environ["SHADOW_ORDER"], self.path("list.csv"), "fpga"],
+                              env=self.env, capture_output=True, text=True, timeout=TIMEOUT,
+                              check=False)
+        self.assertEqual((0, ""), (done.returncode, done.stderr))
+        return done.stdout
+
+    def test_the_example_orders_writes_and_has_the_core_resynced(self):
+        self.start(check=0)
+        self.await_state(phase="ready")
+        self.assertRegex(self.run_it(), r"\A2 of 2 writes were made\nfpga: it is ready\n"
+                                        r"generation 2, read in \d+ us\n\Z")
+        self.sim("fault", "chip", "nak", "direction=write", "first=2", "count=1")
+        self.assertRegex(self.run_it(), r"\A1 of 2 writes were made\n"
+                                        r"the core's last error: operation 0x\w+ stopped after 1 of "
+                                        r"2 writes: register 'SCRATCH'.*\nfpga: it is ready; its "
+                                        r"last error: .*\ngeneration 3, read in \d+ us\n\Z")
 
 
 class OverABus(Client, Simulated):

@@ -134,10 +134,10 @@ class ShadowTable(TarnregTest):
         with open(os.path.join(SOURCE, "docs", "shadow-tables.md"), encoding="utf-8") as page:
             blocks = re.findall(r"```cpp\n(.*?)```", page.read(), re.DOTALL)
         lines = ""
-        for program in ("shadow_table.cpp", "shadow_registers.cpp"):
+        for program in ("shadow_table.cpp", "shadow_registers.cpp", "shadow_order.cpp"):
             with open(os.path.join(SOURCE, "examples", program), encoding="utf-8") as code:
                 lines += " ".join(code.read().split())
-        self.assertEqual(len(blocks), 4)
+        self.assertEqual(len(blocks), 6)
         for block in blocks:
             self.assertIn(" ".join(block.split()), lines)
 
