@@ -8,14 +8,15 @@
 
 namespace TarnRegFile::Sable {
 
-/// What a ShadowClient could not do; the text names the core and the register.
+/// What a ShadowClient, CoreMonitor or OrderedClient could not do; the text names the core and the
+/// register.
 class TARN_API ShadowError : public std::runtime_error {
 public:
    enum class Kind : std::uint8_t {
       unknownRegister, ///< the register list has no such name
       noValue,         ///< the core is not ready: nothing is known of the register yet
       notPermitted,    ///< this user may not, or the register is not writable
-      timedOut,        ///< the wish has not been carried out in time; it stands
+      timedOut,        ///< what was asked for has not been done in time; it stands
       damaged,         ///< a table is damaged; it is for a person to remove it
    };
 
