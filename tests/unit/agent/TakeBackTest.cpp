@@ -71,18 +71,20 @@ TEST(OrderedRunner, WritesNothingOfWhatAClientWasToldItTookBack) {
    std::set<std::uint32_t> written;
    {
       OrderedRunner* running = nullptr;
+      OrderedRunner::Counters counters;
       OrderedRunner runner(
-         loop, ops, outcomes, 10,
-         {.canStart = [] { return true; },
-          .write = [&](std::uint32_t, std::uint32_t value) -> std::optional<std::string> {
-             written.insert(value);
-             running->result(true, "");
-             return std::nullopt;
-          },
-          .written = [](std::uint32_t, std::uint32_t) {},
-          .stopped = [](const std::string&) {},
-          .idle = [] {},
-          .troubled = [](const std::string& text) { ADD_FAILURE() << text; }});
+         loop, ops, outcomes, 10, counters,
+         OrderedRunner::Handlers{
+            .canStart = [] { return true; },
+            .write = [&](std::uint32_t, std::uint32_t value) -> std::optional<std::string> {
+               written.insert(value);
+               running->result(true, "");
+               return std::nullopt;
+            },
+            .written = [](std::uint32_t, std::uint32_t) {},
+            .stopped = [](const std::string&) {},
+            .idle = [] {},
+            .troubled = [](const std::string& text) { ADD_FAILURE() << text; }});
       running = &runner;
       int pipe[2];
       ASSERT_EQ(::pipe(pipe), 0);
