@@ -840,7 +840,11 @@ bool CoreAgent::_isOfCore(Key key) {
       const std::string text =
          isKnown ? fmt::format(misplaced, name(), key.address(), wanted->key().address())
                  : fmt::format(foreign, name(), key.address());
-      TARN_TRACE(traceSource, 0, "config", "{}", text);
+      // A client that writes many of them does not fill the log; all are counted.
+      if (const auto now = std::chrono::steady_clock::now(); now - _refused >= showTime) {
+         _refused = now;
+         TARN_TRACE(traceSource, 0, "config", "{}", text);
+      }
       _counters.refused.Inc();
       _state.lastErrorIs(text);
       _show();

@@ -178,6 +178,7 @@ private:
    std::unique_ptr<StateTable> _stateTable;
    TarnRegFile::Sable::CoreState _state;
    std::chrono::steady_clock::time_point _shown;
+   std::chrono::steady_clock::time_point _refused; // when a refusal was traced
 
    TarnRegFile::Ptr<TarnRegFile::Sable::SableCoreBase> _model;
    TarnRegFile::Ptr<ShadowCore> _core;

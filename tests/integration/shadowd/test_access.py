@@ -72,12 +72,18 @@ class Access(Case):
         self.assertEqual((0, "SCRATCH  0x00000078\n", ""),
                          self.tarnreg(MEMBER, GROUP, "set", "SCRATCH=0x78", "--wait"))
         # Others are refused, clearly, and nothing has changed.
-        for words in (("set", "SCRATCH=1"), ("unset", "SCRATCH")):
+        for words in (("set", "SCRATCH=1"), ("unset", "SCRATCH"), ("order", "SCRATCH=1"),
+                      ("resync",)):
             code, out, err = self.tarnreg(OTHER, OTHER, *words)
             self.assertEqual((4, ""), (code, out), err)
             self.assertIn("Permission denied", err)
             self.assertIn("fpga", err)
         self.assertEqual(["0x8=0x78"], self.registers("fpga/config"))
+        self.assertEqual([], self.ordered("fpga/ops") + self.ordered())
+        self.assertEqual("1", self.state()["generation"])
+        code, out, err = self.tarnreg(OTHER, OTHER, "state")
+        self.assertEqual((0, ""), (code, err))
+        self.assertIn("ready", out)
         for words in (("put", "fpga/config", 8, 1), ("put", "fpga/request", 0, 7),
                       ("order", "fpga", 9, 1, "8=1"), ("put", "fpga/status", 8, 1)):
             code, _, err = self.run_as(OTHER, OTHER, CLIENT, *words)

@@ -405,6 +405,27 @@ TEST_F(CoreAgentTest, AnEntryUnderAnothersKeyIsRemovedAndWritesNothing) {
    EXPECT_EQ(space.word(4), 0xcu);
 }
 
+TEST_F(CoreAgentTest, AFloodOfForeignWishesIsRemovedAndDoesNotFillTheLog) {
+   using namespace TarnRegFile::Sable;
+   const auto wishes = shadowRegisterConfigFactory("fpga/config");
+   wishes->regMapControlIs(Platform::Tables::collectionControlFactory(
+      tables, {.role = Platform::Tables::TableRole::writer}));
+   wishes->regMapControl()->mount();
+   for (std::uint32_t i = 0; i < 2000; ++i) {
+      wishes->regMapIs(CoreRegister(CoreRegisterKey(0x1000 + i), 1));
+   }
+   wishes->regMapIs(CoreRegister(CoreRegisterKey(8), 2));
+   const CaptureScope trace("*=off,agent/CoreAgent=0");
+   make();
+   ASSERT_TRUE(untilReady(1));
+   EXPECT_EQ(wishes->regMap().size(), 1u);
+   EXPECT_EQ(space.word(8), 2u);
+   EXPECT_THAT(trace.texts(), testing::SizeIs(testing::Lt(1000u)));
+   EXPECT_THAT(trace.texts(),
+               testing::Contains(HasSubstr("is configured, but no register has it")));
+   wishes->regMapControl()->unmount();
+}
+
 TEST_F(CoreAgentTest, AFloodOfRequestsIsOneGenerationAtATime) {
    using namespace TarnRegFile::Sable;
    make();
