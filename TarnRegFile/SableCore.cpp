@@ -31,22 +31,19 @@ SableCore::SableCore(const String& name, const Ptr<HardwareRegisterFile>& regist
    }
    struct Entry {
       std::uint32_t address;
-      const String* name;
+      bool isOther; // the list has another name for the address
       bool writable;
+      const String* name;
    };
    std::vector<Entry> entries;
    entries.reserve(registerFile->size());
    registerFile->forEachRegister([&](const String& regName, const HardwareRegister& record) {
-      entries.push_back({record.address, &regName, record.writable});
+      const String* known = registerFile->findName(record.address);
+      entries.push_back({record.address, !known || *known != regName, record.writable, &regName});
    });
-   // The list's name of an address comes before its other ones.
-   const auto rank = [&registerFile](const Entry& entry) {
-      const String* known = registerFile->findName(entry.address);
-      return std::tuple<std::uint32_t, bool, const String&>(
-         entry.address, !known || *known != *entry.name, *entry.name);
-   };
-   std::sort(entries.begin(), entries.end(),
-             [&rank](const Entry& a, const Entry& b) { return rank(a) < rank(b); });
+   std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+      return std::tie(a.address, a.isOther, *a.name) < std::tie(b.address, b.isOther, *b.name);
+   });
    const Entry* kept = nullptr;
    for (const Entry& entry : entries) {
       if (kept && kept->address == entry.address) {

@@ -703,8 +703,10 @@ void CoreAgent::_readResult(const std::string& regName, ResultTap::Result result
          _suspect.reset();
       }
    } else {
-      _progress(_state.registersRead + 1);
-      _answer.startIn(_settings.answerTimeout);
+      ++_state.registersRead;
+      if (_core->transport() && _core->transport()->isAsync()) {
+         _answer.startIn(_settings.answerTimeout); // others return with their answer
+      }
       if (_state.registersRead >= _state.registersTotal) {
          _refuseForeign(); // the state machine is about to look at all of the configuration
       }
@@ -804,9 +806,11 @@ void CoreAgent::_check() {
 }
 
 void CoreAgent::_accessed() {
+   // Looking at the clock is a good part of what a fast access costs.
+   const auto now = std::chrono::steady_clock::now();
    _state.accessWall = wallNow();
-   _state.accessMonotonic = monotonicNow();
-   _progress(_state.registersRead); // also while what is configured is written
+   _state.accessMonotonic = microsOf<std::chrono::steady_clock>(now);
+   _progress(_state.registersRead, now); // also while what is configured is written
 }
 
 std::string CoreAgent::_reason(const std::string& regName) const {
@@ -940,9 +944,9 @@ void CoreAgent::_phaseIs(Phase phase) {
    _show();
 }
 
-void CoreAgent::_progress(std::size_t read) {
+void CoreAgent::_progress(std::size_t read, std::chrono::steady_clock::time_point now) {
    _state.registersRead = static_cast<std::uint32_t>(read);
-   if (std::chrono::steady_clock::now() - _shown >= showTime) {
+   if (now - _shown >= showTime) {
       _show();
       if (_hardware.alive) {
          _hardware.alive();

@@ -157,7 +157,8 @@ private:
 
    std::string _reason(const std::string& regName) const;
    void _phaseIs(Phase phase);
-   void _progress(std::size_t read);
+   void _progress(std::size_t read,
+                  std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now());
    void _show();
 
    Platform::EventLoop& _loop;
