@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "agent/DamagedTable.h"
@@ -171,7 +172,7 @@ private:
    Platform::Metrics::Histogram _syncTime;
 
    std::vector<std::string> _regNames; // one for each address, in the order of addresses
-   std::set<std::uint32_t> _addresses;
+   std::unordered_set<std::uint32_t> _addresses;
    const TableAccess _access;
    Tables _tables;
    std::vector<Mount> _mounts;
