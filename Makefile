@@ -14,8 +14,8 @@ UNSHUFFLED := $(shell setarch -R true 2>/dev/null && echo setarch -R)
 
 .NOTPARALLEL:
 .DEFAULT_GOAL := help
-.PHONY: help packages build test vm-test demo release asan tsan coverage fuzz torture bench format format-check \
-        tidy include-check clean
+.PHONY: help packages build test vm-test demo release asan tsan coverage install-check debian fuzz \
+        torture bench format format-check tidy include-check clean
 
 help: ## List the actions
 	@echo "Actions (JOBS=$(JOBS) processes at a time):"
@@ -67,6 +67,16 @@ coverage: ## Run all tests and report which lines they reach (needs gcovr for th
 	      --html-details build/coverage/report.html build/coverage && \
 	   echo "Report: build/coverage/report.html"; \
 	else echo "No report: gcovr is not installed. The counts are in build/coverage."; fi
+
+install-check: ## Install into a directory, and build with it as a stranger would
+	cmake --preset release
+	cmake --build --preset release --target $(addsuffix /all,platform TarnRegFile board tools examples nimbo agent)
+	scripts/check-install build/release
+
+debian: ## Make Debian packages of what is shipped (build/release/*.deb)
+	cmake --preset release
+	cmake --build --preset release --target $(addsuffix /all,platform TarnRegFile board tools examples nimbo agent)
+	cd build/release && rm -f *.deb && cpack
 
 fuzz: ## Run each fuzzer for SECONDS=60, from its kept inputs
 	scripts/run-fuzzers $(SECONDS)
