@@ -5,6 +5,8 @@
 JOBS ?= 2
 # How long `make fuzz` runs each fuzzer, and `make torture` each of its programs.
 SECONDS ?= 60
+# How long `make soak` goes on.
+MINUTES ?= 10
 
 export CMAKE_BUILD_PARALLEL_LEVEL := $(JOBS)
 CTEST := ctest --output-on-failure --no-tests=error -j$(JOBS)
@@ -15,7 +17,7 @@ UNSHUFFLED := $(shell setarch -R true 2>/dev/null && echo setarch -R)
 .NOTPARALLEL:
 .DEFAULT_GOAL := help
 .PHONY: help packages build test vm-test demo release asan tsan coverage install-check debian fuzz \
-        torture bench format format-check tidy include-check clean
+        torture soak bench format format-check tidy include-check clean
 
 help: ## List the actions
 	@echo "Actions (JOBS=$(JOBS) processes at a time):"
@@ -86,6 +88,11 @@ torture: ## Kill, step through and starve what has to survive it, SECONDS=60 for
 	cmake --build --preset release --target tests/torture/all
 	@for program in build/release/bin/torture_*; do \
 	   echo "-- $$program"; $$program --seconds $(SECONDS) || exit 1; done
+
+soak: ## Run board, daemon, agent and clients together, with faults and kills, for MINUTES=10
+	cmake --preset release
+	cmake --build --preset release --target tarnreg tarnsim nimbod tarn-shadowd
+	python3 -B tests/soak/soak.py --bin build/release/bin --minutes $(MINUTES)
 
 bench: ## Build what is shipped; print each figure beside its baseline and its target
 	cmake --preset release
