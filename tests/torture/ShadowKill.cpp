@@ -174,6 +174,7 @@ private:
    void _spoil();
    void _checkRegister(ShadowTables& tables, std::uint32_t number);
    void _checkOrders(ShadowTables& tables);
+   void _forgetOutcomes(ShadowTables& tables);
    void _checkFollowers(ShadowTables& tables);
    void _checkTables();
    std::uint32_t _hardware(std::uint32_t number) const {
@@ -635,6 +636,7 @@ void Torment::_settle() {
    }
    _checkFollowers(tables);
    _checkTables();
+   _forgetOutcomes(tables);
    for (ClientNotes& notes : _notes->client) {
       notes.wishes.store(0);
       notes.orders.store(0);
@@ -726,6 +728,15 @@ void Torment::_checkOrders(ShadowTables& tables) {
    check(oneMore - std::exchange(_oneMoreSettled, oneMore) <=
             kills - std::exchange(_killsSettled, kills),
          "there are more writes that no outcome claims than agents that died");
+}
+
+// An agent keeps as many as it is told to, and one that finds more of them than that at its start
+// cannot tell which are the oldest. So there are never that many.
+void Torment::_forgetOutcomes(ShadowTables& tables) {
+   PlainTable<OrderedRegisterOp> outcomes(tables.service, "core/ops-status", TableRole::writer);
+   for (const Platform::UniqueId id : outcomes.table.keys()) {
+      outcomes.table.del(id);
+   }
 }
 
 void Torment::_checkFollowers(ShadowTables& tables) {
