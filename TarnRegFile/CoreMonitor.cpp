@@ -179,13 +179,31 @@ private:
       return {state(), life};
    }
 
+   Seen _seenOrThrow() {
+      try {
+         Seen now = _seen();
+         _isDamageTold = false;
+         return now;
+      } catch (const ShadowError& error) {
+         if (error.kind() == ShadowError::Kind::damaged) {
+            _isDamageTold = true;
+            _looking.startIn(lookInterval); // another table may come
+         }
+         throw;
+      }
+   }
+
    void _tell() {
       const std::shared_ptr<Impl> self = shared_from_this();
       std::erase_if(_followers, [](const auto& one) { return one.expired(); });
       if (_followers.empty()) {
          return;
       }
-      const Seen now = _seen(); // and if it is damaged no further ones
+      if (_isDamageTold && _state.isStillDamaged()) {
+         _looking.startIn(lookInterval);
+         return;
+      }
+      const Seen now = _seenOrThrow();
       _looking.startIn(lookInterval);
       const auto followers = _followers;
       std::exception_ptr first;
@@ -212,6 +230,7 @@ private:
    CoreClientTable<CoreRegister> _request;
    std::vector<std::weak_ptr<Follower>> _followers;
    Platform::Timer _looking;
+   bool _isDamageTold = false; // to who runs the loop, which is done once
    bool _closed = false;
 };
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <absl/container/flat_hash_map.h>
+#include <absl/container/flat_hash_set.h>
 #include <fmt/format.h>
 
 #include "platform/entity/EventLoop.h"
@@ -24,7 +25,7 @@ using Value = std::optional<std::uint32_t>;
 constexpr const char* noValue = "core '{}' is not ready: nothing is known of register '{}' yet";
 constexpr const char* timedOut = "core '{}' did not set register '{}' to {:#x} in time: {}";
 
-/// How often a table that is not there yet is looked for.
+/// How often a table that is not there yet, or in the place of a damaged one, is looked for.
 constexpr std::chrono::milliseconds lookInterval{50};
 
 /// Who is told of changes, and what was told last.
@@ -60,7 +61,9 @@ public:
    Impl(Platform::EventLoop& ownLoop, Platform::Tables::TableService& service, const String& core,
         const Ptr<HardwareRegisterFile>& registers)
       : loop(ownLoop), coreName(core), list(core, registers), monitor(ownLoop, service, core),
-        _status(service, core, "status", [this](CoreRegisterKey key) { _changed(key); }),
+        _status(
+           service, core, "status", [this](CoreRegisterKey key) { _changed(key); },
+           [this](bool isDamaged) { _statusChanged(isDamaged); }),
         _config(service, core, "config"), _looking(ownLoop, [this] { _look(); }) {}
 
    /// The client's end: tells nobody any more.
@@ -129,29 +132,55 @@ private:
       return found ? Value(found->value()) : std::nullopt;
    }
 
-   /// For those who wait for changes of a table that is not there yet.
+   /// The table of status is another one than followers know, or tells them nothing any more.
+   void _statusChanged(bool isDamaged) {
+      if (!_closed && !_followers.empty()) {
+         _looking.startIn(isDamaged ? lookInterval : std::chrono::milliseconds(0));
+      }
+   }
+
+   /// For those who wait for changes of a table that is not there yet, or was damaged.
    void _look() {
       const std::shared_ptr<Impl> self = shared_from_this();
       if (std::all_of(_followers.begin(), _followers.end(),
                       [](const auto& one) { return one.expired(); })) {
          return;
       }
-      if (!hasStatus()) {
+      // Of one that is damaged it was told when that was found.
+      if (_status.isStillDamaged() || !_isStatusThere()) {
          _looking.startIn(lookInterval);
          return;
       }
-      std::vector<CoreRegisterKey> keys;
-      _status.forEach([&](const CoreRegister& found) { keys.push_back(found.key()); });
+      absl::flat_hash_set<std::uint32_t> addresses;
+      _status.forEach([&](const CoreRegister& found) { addresses.insert(found.key().address()); });
+      for (const std::weak_ptr<Follower>& one : _followers) {
+         if (const std::shared_ptr<Follower> follower = one.lock()) {
+            for (const auto& [address, value] : follower->told) {
+               addresses.insert(address); // it may have none any more
+            }
+         }
+      }
       std::exception_ptr first;
-      for (const CoreRegisterKey key : keys) {
+      for (const std::uint32_t address : addresses) {
          try {
-            _changed(key);
+            _changed(CoreRegisterKey(address));
          } catch (...) {
             first = first ? first : std::current_exception();
          }
       }
       if (first) {
          std::rethrow_exception(first);
+      }
+   }
+
+   bool _isStatusThere() {
+      try {
+         return hasStatus();
+      } catch (const ShadowError& error) {
+         if (error.kind() == Kind::damaged) {
+            _looking.startIn(lookInterval); // it is told, and another one may come
+         }
+         throw;
       }
    }
 

@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "TarnRegFile/ShadowError.h"
+#include "tests/support/CutOffTable.h"
 #include "tests/support/OwnerStandIn.h"
 #include "tests/unit/TarnRegFile/RegisterTables.h"
 
@@ -380,6 +381,68 @@ TEST_F(CoreMonitorTest, ADamagedStateIsSaidToBe) {
          EXPECT_EQ(error.kind(), Kind::damaged);
       }
    }
+   EXPECT_NE(monitor->damage(), "");
+}
+
+TEST_F(CoreMonitorTest, OneLookMeetsTheDamageAndTheNextSeesTheStateThatReplacedIt) {
+   auto owner = std::make_unique<OwnerStandIn>(side.service, "fpga");
+   EXPECT_TRUE(monitor->isReady());
+   owner.reset();
+   TestSupport::cutOffTable(side.service.directory(), "fpga/state");
+   owner = std::make_unique<OwnerStandIn>(side.service, "fpga");
+   owner->readyIs(5);
+   try {
+      (void)monitor->state();
+      ADD_FAILURE() << "nothing was thrown";
+   } catch (const ShadowError& error) {
+      EXPECT_EQ(error.kind(), Kind::damaged);
+   }
+   EXPECT_NE(monitor->damage(), "");
+   EXPECT_EQ(monitor->state(), owner->state);
+   EXPECT_TRUE(monitor->isReady());
+   EXPECT_EQ(monitor->damage(), "");
+}
+
+TEST_F(CoreMonitorTest, FollowersAreToldOfTheStateThatReplacedADamagedOne) {
+   auto owner = std::make_unique<OwnerStandIn>(side.service, "fpga");
+   std::vector<std::uint32_t> told;
+   const auto following =
+      monitor->follow([&](const std::optional<CoreState>& state, TarnRegFile::Sable::OwnerLife) {
+         told.push_back(state ? state->generation : 0);
+      });
+   owner.reset();
+   TestSupport::cutOffTable(side.service.directory(), "fpga/state");
+   owner = std::make_unique<OwnerStandIn>(side.service, "fpga");
+   owner->readyIs(5);
+   int damages = 0;
+   const auto until = [&](const std::function<bool()>& condition) {
+      for (;;) {
+         try {
+            return side.until(condition);
+         } catch (const ShadowError& error) {
+            EXPECT_EQ(error.kind(), Kind::damaged);
+            ++damages;
+         }
+      }
+   };
+   EXPECT_TRUE(until([&] { return !told.empty(); }));
+   EXPECT_LE(damages, 1) << "who looks first meets it, unless it was heard of";
+   EXPECT_EQ(monitor->damage(), "");
+   owner->readyIs(6);
+   EXPECT_TRUE(until([&] { return told.back() == 6; }));
+   EXPECT_EQ(told, (std::vector<std::uint32_t>{5, 6}));
+   EXPECT_LE(damages, 1);
+}
+
+TEST_F(CoreMonitorTest, OfADamagedStateThatNobodyReplacesTheLoopIsToldOnce) {
+   const OwnerStandIn owner(side.service, "fpga");
+   int told = 0;
+   const auto following = monitor->follow(
+      [&](const std::optional<CoreState>&, TarnRegFile::Sable::OwnerLife) { ++told; });
+   ASSERT_EQ(::truncate((directory() + "/fpga%2Fstate.tbl").c_str(), 0), 0);
+   EXPECT_THROW(side.until([] { return false; }), ShadowError);
+   EXPECT_FALSE(side.loop.runUntil([] { return false; }, 15 * aMoment));
+   EXPECT_EQ(told, 0);
    EXPECT_NE(monitor->damage(), "");
 }
 

@@ -10,6 +10,7 @@
 
 #include "platform/entity/Errors.h"
 #include "TarnRegFile/ShadowError.h"
+#include "tests/support/CutOffTable.h"
 #include "tests/support/OwnerStandIn.h"
 #include "tests/support/Registers.h"
 #include "tests/unit/TarnRegFile/RegisterTables.h"
@@ -311,6 +312,20 @@ TEST_F(OrderedClientTest, ADamagedTableIsSaidToBe) {
    EXPECT_EQ(errorOf([&] { client->submit({{"CTRL", 1}}); }).first, Kind::damaged);
    EXPECT_EQ(errorOf([&] { client->outcome(UniqueId(1)); }).first, Kind::damaged);
    EXPECT_NE(client->damage(), "");
+}
+
+TEST_F(OrderedClientTest, OperationsGoOnInTheTableThatReplacedADamagedOne) {
+   using Ops = Mounted<OrderedConfig>;
+   auto ops = std::make_unique<Ops>(side, "fpga/ops");
+   client->submit({{"CTRL", 1}});
+   TestSupport::cutOffTable(side.service.directory(), "fpga/ops");
+   ops = std::make_unique<Ops>(side, "fpga/ops");
+   EXPECT_EQ(errorOf([&] { client->submit({{"CTRL", 2}}); }).first, Kind::damaged);
+   EXPECT_EQ(ops->table().size(), 0u);
+   const UniqueId id = client->submit({{"CTRL", 3}});
+   EXPECT_TRUE(ops->table().has(id));
+   EXPECT_EQ(client->outcome(id).stage, OrderedStage::waiting);
+   EXPECT_EQ(client->damage(), "");
 }
 
 TEST_F(OrderedClientTest, WhoMayOnlyReadSeesOutcomesAndSubmitsNothing) {

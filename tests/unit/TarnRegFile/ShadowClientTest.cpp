@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "TarnRegFile/ShadowError.h"
+#include "tests/support/CutOffTable.h"
 #include "tests/support/OwnerStandIn.h"
 #include "tests/support/Registers.h"
 #include "tests/unit/TarnRegFile/RegisterTables.h"
@@ -74,6 +75,17 @@ protected:
       return std::filesystem::exists(directory() + "/" + file);
    }
    std::string directory() const { return temp.path("tables"); }
+
+   /// As the owner does with a damaged table of the core, before it makes another.
+   void cutOff(const std::string& table) {
+      TestSupport::cutOffTable(side.service.directory(), "fpga/" + table);
+   }
+
+   /// Counts the reports of damage.
+   void countReports() {
+      side.service.corruptionHandlerIs([this](auto&, auto&) { ++reports; });
+   }
+   int reports = 0;
 
    TestSupport::TempDir temp{"/dev/shm"};
    Side side{directory()};
@@ -451,6 +463,163 @@ TEST_F(ShadowClientTest, ADamagedTableIsNotMounted) {
    EXPECT_EQ(errorOf([&] { client->wishIs("SCRATCH", 1); }).first, Kind::damaged);
    ASSERT_EQ(::truncate((directory() + "/fpga%2Fstatus.tbl").c_str(), 100), 0);
    EXPECT_EQ(errorOf([&] { clientNew(); }).first, Kind::damaged);
+}
+
+TEST_F(ShadowClientTest, ADamagedTableThatNobodyReplacesStaysDamagedAndIsNotReportedAtEachLook) {
+   Mounted<ShadowStatus> status(side, "fpga/status");
+   status.is(scratchAddress, 1);
+   const auto client = clientNew();
+   int told = 0;
+   const auto following = client->follow([&](auto&, auto) { ++told; });
+   countReports();
+   ASSERT_EQ(::truncate((directory() + "/fpga%2Fstatus.tbl").c_str(), 0), 0);
+   EXPECT_EQ(errorOf([&] { client->read("SCRATCH"); }).first, Kind::damaged);
+   EXPECT_EQ(errorOf([&] { client->read("SCRATCH"); }).first, Kind::damaged);
+   // What looks for another table meanwhile finds none, and bothers nobody.
+   EXPECT_FALSE(side.loop.runUntil([] { return false; }, 8 * aMoment));
+   EXPECT_EQ(errorOf([&] { client->read("SCRATCH"); }).first, Kind::damaged);
+   EXPECT_EQ(errorOf([&] { (void)client->follow([](auto&, auto) {}); }).first, Kind::damaged);
+   EXPECT_LE(reports, 3) << "who read, and the two mounts that are told of changes";
+   EXPECT_EQ(told, 0);
+   EXPECT_NE(client->damage(), "");
+}
+
+TEST_F(ShadowClientTest, ADamagedTableThatIsRemovedAndNotMadeAnewStaysDamaged) {
+   { Mounted<ShadowStatus> status(side, "fpga/status"); }
+   { Mounted<ShadowConfig> config(side, "fpga/config"); }
+   const auto client = clientNew();
+   client->wishIs("SCRATCH", 1);
+   cutOff("status");
+   cutOff("config");
+   for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(errorOf([&] { client->value("SCRATCH"); }).first, Kind::damaged);
+      EXPECT_EQ(errorOf([&] { client->wishIs("SCRATCH", 2); }).first, Kind::damaged);
+   }
+   EXPECT_FALSE(has("fpga%2Fconfig.tbl")) << "in the middle of the owner's work it would be wrong";
+}
+
+TEST_F(ShadowClientTest, OneReadMeetsTheDamageAndTheNextReadsTheTableThatReplacedIt) {
+   auto status = std::make_unique<Mounted<ShadowStatus>>(side, "fpga/status");
+   status->is(scratchAddress, 1);
+   const auto client = clientNew();
+   EXPECT_EQ(client->read("SCRATCH"), 1u);
+   countReports();
+   cutOff("status");
+   status = std::make_unique<Mounted<ShadowStatus>>(side, "fpga/status");
+   status->is(scratchAddress, 2);
+   EXPECT_EQ(errorOf([&] { client->read("SCRATCH"); }).first, Kind::damaged);
+   EXPECT_NE(client->damage(), "");
+   EXPECT_EQ(client->read("SCRATCH"), 2u);
+   EXPECT_EQ(client->damage(), "");
+   status->is(scratchAddress, 3);
+   EXPECT_EQ(client->read("SCRATCH"), 3u);
+   EXPECT_EQ(reports, 1);
+}
+
+TEST_F(ShadowClientTest, WishesGoOnInTheTableThatReplacedADamagedOne) {
+   auto config = std::make_unique<Mounted<ShadowConfig>>(side, "fpga/config");
+   const auto client = clientNew();
+   client->wishIs("SCRATCH", 1);
+   cutOff("config");
+   config = std::make_unique<Mounted<ShadowConfig>>(side, "fpga/config");
+   EXPECT_EQ(errorOf([&] { client->wishIs("SCRATCH", 2); }).first, Kind::damaged);
+   EXPECT_FALSE(config->has(scratchAddress, 2));
+   EXPECT_EQ(client->wish("SCRATCH"), std::nullopt);
+   client->wishIs("SCRATCH", 3);
+   EXPECT_TRUE(config->has(scratchAddress, 3));
+   EXPECT_EQ(client->damage(), "");
+}
+
+TEST_F(ShadowClientTest, AWaitThatMeetsTheDamageEndsAndTheNextOneIsServed) {
+   auto owner = std::make_unique<Owner>(side);
+   const auto client = clientNew();
+   client->write("SCRATCH", 1, forever);
+   const CoreRegister wanted[] = {CoreRegister(CoreRegisterKey(scratchAddress), 2)};
+   side.loop.post([&] {
+      owner.reset();
+      for (const char* table : {"status", "config", "state"}) {
+         cutOff(table);
+      }
+   });
+   EXPECT_EQ(errorOf([&] { client->waitUntilHeld(wanted, forever); }).first, Kind::damaged);
+   owner = std::make_unique<Owner>(side);
+   const auto isServed = [&] {
+      try {
+         client->write("SCRATCH", 2, forever);
+         return true;
+      } catch (const ShadowError& error) {
+         EXPECT_EQ(error.kind(), Kind::damaged);
+         return false;
+      }
+   };
+   // Each of the other tables may be met once.
+   EXPECT_TRUE(isServed() || isServed() || isServed());
+   EXPECT_EQ(client->read("SCRATCH"), 2u);
+   EXPECT_EQ(client->damage(), "");
+}
+
+TEST_F(ShadowClientTest, FollowersAreToldHowTheTableThatReplacedADamagedOneDiffers) {
+   auto status = std::make_unique<Mounted<ShadowStatus>>(side, "fpga/status");
+   status->is(idAddress, 7);
+   status->is(scratchAddress, 1);
+   const auto client = clientNew();
+   Told all;
+   Told one;
+   const auto followingAll =
+      client->follow([&](const std::string& name, auto value) { all.emplace_back(name, value); });
+   const auto followingOne = client->follow(
+      "SCRATCH", [&](const std::string& name, auto value) { one.emplace_back(name, value); });
+   cutOff("status");
+   EXPECT_TRUE(side.until([&] { return !client->damage().empty(); })) << "it hears of it";
+   EXPECT_TRUE(all.empty());
+   status = std::make_unique<Mounted<ShadowStatus>>(side, "fpga/status");
+   status->is(idAddress, 7);
+   status->is(scratchAddress, 2);
+   EXPECT_TRUE(side.until([&] { return !all.empty() && !one.empty(); }));
+   EXPECT_EQ(client->damage(), "");
+   status->is(scratchAddress, 3);
+   EXPECT_TRUE(side.until([&] { return all.size() == 2 && one.size() == 2; }));
+   EXPECT_EQ(all, (Told{{"SCRATCH", 2}, {"SCRATCH", 3}})) << "FPGA_ID has not changed";
+   EXPECT_EQ(one, all);
+}
+
+TEST_F(ShadowClientTest, FollowersAreToldWhatTheTableThatReplacedADamagedOneHasNot) {
+   auto status = std::make_unique<Mounted<ShadowStatus>>(side, "fpga/status");
+   status->is(idAddress, 7);
+   const auto client = clientNew();
+   Told told;
+   const auto following =
+      client->follow([&](const std::string& name, auto value) { told.emplace_back(name, value); });
+   cutOff("status");
+   status = std::make_unique<Mounted<ShadowStatus>>(side, "fpga/status");
+   // Also if somebody's access finds both out.
+   EXPECT_EQ(errorOf([&] { client->read("FPGA_ID"); }).first, Kind::damaged);
+   EXPECT_EQ(client->value("FPGA_ID"), std::nullopt);
+   EXPECT_TRUE(told.empty()); // only by the loop
+   EXPECT_TRUE(side.until([&] { return !told.empty(); }));
+   EXPECT_EQ(told, (Told{{"FPGA_ID", std::nullopt}}));
+}
+
+TEST_F(ShadowClientTest, ATableInTheDamagedOnesPlaceThatIsDamagedTooIsToldOnceAndReplacedAsWell) {
+   auto status = std::make_unique<Mounted<ShadowStatus>>(side, "fpga/status");
+   const auto client = clientNew();
+   Told told;
+   const auto following =
+      client->follow([&](const std::string& name, auto value) { told.emplace_back(name, value); });
+   cutOff("status");
+   EXPECT_TRUE(side.until([&] { return !client->damage().empty(); }));
+   countReports();
+   { Mounted<ShadowStatus>(side, "fpga/status"); }
+   ASSERT_EQ(::truncate((directory() + "/fpga%2Fstatus.tbl").c_str(), 100), 0);
+   EXPECT_EQ(errorOf([&] { side.until([] { return false; }); }).first, Kind::damaged);
+   EXPECT_FALSE(side.loop.runUntil([] { return false; }, 8 * aMoment));
+   EXPECT_EQ(reports, 1);
+   cutOff("status");
+   status = std::make_unique<Mounted<ShadowStatus>>(side, "fpga/status");
+   status->is(scratchAddress, 2);
+   EXPECT_TRUE(side.until([&] { return !told.empty(); }));
+   EXPECT_EQ(told, (Told{{"SCRATCH", 2}}));
+   EXPECT_EQ(client->damage(), "");
 }
 
 TEST_F(ShadowClientTest, AUserWhoMayOnlyReadReadsAndWishesNothing) {
