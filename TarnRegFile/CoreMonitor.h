@@ -74,6 +74,8 @@ public:
    /// was told last, or than it was when this was called. Several changes may be told as one. An
    /// owner's coming and going is noticed within 100 ms. The handler may do anything, end the
    /// monitor included; what it throws reaches who runs the loop, after the others had their turn.
+   /// So does ShadowError damaged, once, if the state is found damaged; when its owner has replaced
+   /// it, the handler is told what the new one says.
    [[nodiscard]] Following follow(Handler handler);
 
    /// Asks the owner to begin a new generation, which reads every register of the hardware anew and
@@ -88,7 +90,8 @@ public:
    /// damaged.
    CoreState resync(std::chrono::nanoseconds timeout);
 
-   /// What is wrong with a table that was found damaged; empty if none was.
+   /// What is wrong with a table that was found damaged; empty if none was, and again when another
+   /// one in its place has been looked at.
    String damage() const;
 
 private:

@@ -92,7 +92,8 @@ public:
    /// this very moment it ends before its next write. Throws ShadowError notPermitted, damaged.
    bool takeBack(UniqueId id);
 
-   /// What is wrong with a table that was found damaged; empty if none was.
+   /// What is wrong with a table that was found damaged; empty if none was, and again when another
+   /// one in its place has been looked at.
    String damage() const;
 
 private:

@@ -39,6 +39,10 @@ namespace TarnRegFile::Sable {
 /// none, with the first wish. The table of status is the owner's to make; until it has, there are
 /// no values, and the client looks again.
 ///
+/// A damaged table is the owner's to replace. Whoever meets the damage is thrown ShadowError
+/// damaged; once another table is in its place, the next call that needs it uses that one, and
+/// followers are told of what it has that differs from what they were told.
+///
 /// Owned by the program, on the thread of the event loop. Functions throw ShadowError, and
 /// std::system_error for what is none of its kinds, a full table for one (errors.md).
 class TARN_API ShadowClient {
@@ -116,8 +120,9 @@ public:
    /// The same for every register of the list, under the name that the list has for the address.
    [[nodiscard]] Following follow(Handler handler);
 
-   /// What is wrong with a table that was found damaged; empty if none was. Nothing more is told of
-   /// a damaged table's changes.
+   /// What is wrong with a table that was found damaged; empty if none was, and again when a call,
+   /// or a follower's look every 50 ms, has found another table in its place. Until then nothing is
+   /// told of its changes.
    String damage() const;
 
 private:

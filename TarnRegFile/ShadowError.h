@@ -17,7 +17,7 @@ public:
       noValue,         ///< the core is not ready: nothing is known of the register yet
       notPermitted,    ///< this user may not, or the register is not writable
       timedOut,        ///< what was asked for has not been done in time; it stands
-      damaged,         ///< a table is damaged; it is for a person to remove it
+      damaged,         ///< a table is damaged, until the core's owner has replaced it
    };
 
    ShadowError(Kind kind, const String& text) : std::runtime_error(text), _kind(kind) {}
