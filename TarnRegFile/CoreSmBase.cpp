@@ -219,6 +219,7 @@ void CoreSmBase::readyIs(bool ready) {
    }
    const Ptr<CoreSmBase> held(this);
    _ready = ready;
+   ++_readyChanges;
    publish(readyAttr);
    handleReady(ready);
 }
@@ -386,13 +387,20 @@ void CoreSmBase::handleInitSyncResult(const String& regName, RegAccessResult res
       return;
    }
    readyIs(true);
-   TARN_TRACE(traceSource, 3, function, "CoreSm {} is ready", coreName());
+   if (_ready) {
+      TARN_TRACE(traceSource, 3, function, "CoreSm {} is ready", coreName());
+   }
 }
 
 void CoreSmBase::handleReady(bool ready) {
    const Ptr<CoreSmBase> held(this);
+   const unsigned changes = _readyChanges;
    handleShadowRegister();
-   doOnReady(ready);
+   // Whoever was told of a write may have changed the generation, and with it the readiness, which
+   // was told by then; or have taken the core down, of which nobody is told.
+   if (changes == _readyChanges && !_isTornDown) {
+      doOnReady(ready);
+   }
 }
 
 // -- registers -----------------------------------------------------------------------------------
@@ -481,11 +489,15 @@ void CoreSmBase::handleShadowRegister() {
       return;
    }
    const Ptr<CoreSmBase> held(this);
-   readOf(_shadowRegConfig, [this](const ShadowRegisterConfig& table) {
-      table.regMap().forEach(
-         [this](const CoreRegister& record) { handleShadowRegister(record.key()); });
+   // What comes while these are written, which may take its time, is told by the table.
+   std::vector<CoreRegisterKey> keys;
+   readOf(_shadowRegConfig, [&keys](const ShadowRegisterConfig& table) {
+      table.regMap().forEach([&keys](const CoreRegister& record) { keys.push_back(record.key()); });
       return true;
    });
+   for (const CoreRegisterKey& key : keys) {
+      handleShadowRegister(key);
+   }
 }
 
 void CoreSmBase::handleShadowRegister(const CoreRegisterKey& key) {
@@ -532,7 +544,10 @@ void CoreSmBase::handleShadowRegister(const CoreRegisterKey& key) {
 
 void CoreSmBase::updateShadowRegStatus(const String& regName, std::uint32_t value) {
    const CoreRegisterDescriptor& descriptor = _managed("updateShadowRegStatus", regName);
-   _statusIs(CoreRegister(CoreRegisterKey(descriptor.address), value));
+   if (_shadowRegStatus) {
+      // A write of the register that is under way is entered after it all the same.
+      _shadowRegStatus->regMapIs(CoreRegister(CoreRegisterKey(descriptor.address), value));
+   }
 }
 
 void CoreSmBase::_statusIs(const CoreRegister& record) {

@@ -254,6 +254,7 @@ private:
    bool _isTornDown = false;
    bool _hasNotificationActive = true;
    unsigned _nestedRetries = 0;
+   unsigned _readyChanges = 0;
    Write* _writes = nullptr;               // innermost first
    std::optional<CoreRegister> _unchanged; // being set, though it is what the table has
 

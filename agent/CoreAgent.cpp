@@ -97,6 +97,13 @@ void checkTable(const Platform::Tables::TableBase& table) {
    }
 }
 
+/// Whether a table may do later what it does not do now: another process that writes it stands
+/// still, or there is no room.
+bool mayPass(const std::error_code& code) {
+   return code == std::errc::timed_out || code == std::errc::no_space_on_device ||
+          code == std::errc::no_buffer_space;
+}
+
 /// Counts calls under way.
 class Depth {
 public:
@@ -169,7 +176,16 @@ CoreAgent::CoreAgent(Platform::EventLoop& loop, Platform::Tables::TableService& 
       // Before anything is touched: another agent's tables are not to be mended.
       _lock = std::make_unique<OwnerLock>(_service.directory(), name());
       _access.applyToLock(Platform::Tables::TableDirectory::fileName(name() + "/owner") + ".lock");
-      _mount();
+      try {
+         _mount();
+      } catch (const std::system_error& error) {
+         if (!mayPass(error.code())) {
+            throw;
+         }
+         // The other cores have nothing to do with it.
+         _unmount();
+         _troubled(error.what());
+      }
    } catch (...) {
       _unmount();
       _lock.reset();
@@ -193,24 +209,32 @@ CoreAgent::CoreAgent(Platform::EventLoop& loop, Platform::Tables::TableService& 
         &_ordered.writes},
        {"shadowd_sync_seconds", "Time that filling the shadow registers took", &_syncTime}},
       {{"core", name()}});
-   _retry.startIn({});
+   if (!_trouble) {
+      _retry.startIn({});
+   }
    if (_settings.auditInterval.count() > 0) {
       _auditing.startEvery(_settings.auditInterval);
    }
 }
 
 CoreAgent::~CoreAgent() {
-   try {
-      if (_trouble) {
-         _runner.reset(); // which would write
+   // Whatever fails of it, the rest is done.
+   const auto attempt = [this](const auto& work) {
+      try {
+         work();
+      } catch (const std::exception& error) {
+         TARN_TRACE(traceSource, 0, "stop", "{}: {}", name(), error.what());
       }
-      _endGeneration();
-      _dropCore();
-      _prober.reset();
-      _phaseIs(Phase::stopped);
-   } catch (const std::exception& error) {
-      TARN_TRACE(traceSource, 0, "stop", "{}: {}", name(), error.what());
+   };
+   if (_trouble) {
+      _runner.reset(); // which would write
    }
+   attempt([this] { _endGeneration(); });
+   attempt([this] { _dropCore(); });
+   _prober.reset();
+   _state.ready = false;
+   _state.valid = false;
+   attempt([this] { _phaseIs(Phase::stopped); });
    _unmount();
    _lock.reset(); // only now may another agent begin
 }
@@ -274,10 +298,13 @@ void CoreAgent::_mountOne(const Mount& mount) {
    const std::string tableName = mount.table->name();
    const auto again = [&](const std::string& problem) {
       mount.control->unmount();
+      const bool isClaims = mount.table == &_tables.opsStatus->op();
+      const bool before = _claimsLost;
+      _claimsLost = _claimsLost || isClaims; // should making the new one fail
       const auto outcome =
          _replace(tableName, mount.table->shape(), mount.kind, mount.isRecord, problem);
-      if (mount.table == &_tables.opsStatus->op() && (outcome.lost > 0 || !outcome.isKnown)) {
-         _claimsLost = true;
+      if (isClaims) {
+         _claimsLost = before || outcome.lost > 0 || !outcome.isKnown;
       }
       mount.control->mount();
    };
@@ -432,6 +459,18 @@ void CoreAgent::_troubled(const std::string& text) {
    if (_trouble) {
       return;
    }
+   // At once, as the repair may take long: what the tables have is not to be relied upon.
+   _state.ready = false;
+   _state.valid = false;
+   _state.phase = Phase::waiting;
+   _state.lastErrorIs(fmt::format(cannotUse, name(), text));
+   if (_stateTable) {
+      try {
+         _stateTable->stateIs(_state);
+      } catch (const std::exception&) {
+         // Then that is what is to be repaired.
+      }
+   }
    _trouble = text;
    TARN_TRACE(traceSource, 0, "troubled", cannotUse, name(), text);
    if (_tap) {
@@ -485,9 +524,11 @@ void CoreAgent::renew() {
    if (_trouble) {
       return; // a new one begins in any case
    }
-   _endGeneration();
-   _retryDelay = _settings.retryFirst;
-   _retry.startIn({});
+   _guarded([this] {
+      _endGeneration();
+      _retryDelay = _settings.retryFirst;
+      _retry.startIn({});
+   });
 }
 
 void CoreAgent::_probe() {
@@ -640,6 +681,8 @@ void CoreAgent::_endGeneration() {
    _suspect.reset();
    _isChecking = false;
    _inFlight = 0;
+   _isOwnStatus = false;
+   _isSettled = false;
    if (_tap) {
       _tap->close();
       _tap.reset();
@@ -650,7 +693,7 @@ void CoreAgent::_endGeneration() {
       _core->handleGeneration();
    }
    _state.ready = false;
-   if (_runner) {
+   if (_runner && !_trouble) { // else the repair drops it
       _runner->abandon("the generation has ended");
    }
 }
@@ -678,7 +721,7 @@ void CoreAgent::_readResult(const std::string& regName, ResultTap::Result result
       return;
    }
    _accessed();
-   if (_failure || _trouble) {
+   if (_failure || _trouble || !_core->transport()) {
       return;
    }
    _onesRead += _isOnes(regName, value) ? 1U : 0U;
@@ -701,6 +744,8 @@ void CoreAgent::_readResult(const std::string& regName, ResultTap::Result result
       _answer.cancel();
       if (_suspect == regName) {
          _suspect.reset();
+      } else if (_suspect) {
+         _checking.startIn({}); // its access failed while another register was read
       }
    } else {
       ++_state.registersRead;
@@ -710,6 +755,9 @@ void CoreAgent::_readResult(const std::string& regName, ResultTap::Result result
       if (_state.registersRead >= _state.registersTotal) {
          _refuseForeign(); // the state machine is about to look at all of the configuration
       }
+   }
+   if (_trouble || !_core->transport()) {
+      return; // it would rely on a transport that was taken from it
    }
    _isOwnStatus = true; // until the status has the value
    const Flag issuing(_isIssuing);
@@ -759,6 +807,9 @@ void CoreAgent::_accessFailed(const std::string& regName, const std::string& rea
       return;
    }
    _failure = Failure{regName, reason};
+   if (_core->ready() && !_state.ready) {
+      _core->readyIs(false); // which ends the writes of what is configured
+   }
    if (!_core->ready()) { // else it may be writing what is configured, and relies on its transport
       _core->transportDel(); // which ends the reads of a synchronous one
    }
@@ -928,8 +979,9 @@ void CoreAgent::_orderedWritten(std::uint32_t address, std::uint32_t value) {
    _tables.status->regMapIs(record);
    _isOwnStatus = false;
    // What is wanted and what was ordered last are not to contradict each other.
+   // A wish that has come since the operation began is newer, and waits for its end.
    if (const auto wanted = _tables.config->regMap().get(record.key());
-       wanted && *wanted != record) {
+       wanted && *wanted != record && !_heldBack.contains(address)) {
       _tables.config->regMap().checkWrite(record.key());
       _tables.config->regMapIs(record);
    }

@@ -85,7 +85,20 @@ void OrderedRunner::_scan() {
 }
 
 void OrderedRunner::_noticed(Key key) {
-   if ((_current && _current->key() == key) || _queued.contains(key) || !_config->op().has(key)) {
+   if (_current && _current->key() == key) {
+      return;
+   }
+   if (!_config->op().has(key)) {
+      // Taken back. It is not kept until it would have had its turn, which may be long.
+      if (_queued.erase(key) != 0) {
+         std::erase(_queue, key);
+         if (!_current) {
+            _handlers.idle(); // what waited for it waits no more
+         }
+      }
+      return;
+   }
+   if (_queued.contains(key)) {
       return;
    }
    if (_status->op().has(key)) {
@@ -179,10 +192,11 @@ void OrderedRunner::_step() {
 }
 
 void OrderedRunner::result(bool isSuccess, const std::string& reason) {
-   if (!_current || !std::exchange(_isWriting, false)) {
+   if (!_current || !_isWriting) {
       return;
    }
    if (!isSuccess) {
+      _isWriting = false;
       _end(reason);
       return;
    }
@@ -194,6 +208,7 @@ void OrderedRunner::result(bool isSuccess, const std::string& reason) {
    // First: where the agent dies in between, an older wish must not undo what is told as written.
    _handlers.written(_done.regKey(index).address(), _done.regValue(index));
    _statusIs(_done);
+   _isWriting = false; // not before: after trouble with a table nothing more is written
    _step();
 }
 
