@@ -219,9 +219,11 @@ void CoreSmBase::readyIs(bool ready) {
    }
    const Ptr<CoreSmBase> held(this);
    _ready = ready;
-   ++_readyChanges;
+   const unsigned changes = ++_readyChanges;
    publish(readyAttr);
-   handleReady(ready);
+   if (changes == _readyChanges) { // else an observer's is told by now
+      handleReady(ready);
+   }
 }
 
 // -- reactions -----------------------------------------------------------------------------------

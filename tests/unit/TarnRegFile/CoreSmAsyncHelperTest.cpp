@@ -7,6 +7,7 @@
 
 #include "platform/entity/TypeData.h"
 #include "platform/trace/CaptureScope.h"
+#include "platform/trace/Trace.h"
 #include "tests/support/Reflected.h"
 #include "tests/support/VirtualSlot.h"
 #include "tests/unit/TarnRegFile/CoreSmTest.h"
@@ -79,6 +80,17 @@ TEST_F(CoreSmAsyncHelperTest, AReadOfTheHardwareIsToldHoweverItEnded) {
    EXPECT_THAT(statusOf(4), Optional(7));
 }
 
+TEST_F(CoreSmAsyncHelperTest, TheStatusHasTheValueWhenAReadOfTheHardwareIsTold) {
+   makeReadyCore();
+   core->accessHwIs(true);
+   std::optional<std::uint32_t> atHook;
+   core->onHook = [&](Core&, const std::string&) { atHook = statusOf(4); };
+   core->asyncHelper()->handleReadResult("CTRL", RegAccessResult::Success, 7);
+   EXPECT_THAT(atHook, Optional(7));
+   core->asyncHelper()->handleReadResult("CTRL", RegAccessResult::Error, 8);
+   EXPECT_THAT(atHook, Optional(7)) << "what failed was not entered";
+}
+
 TEST_F(CoreSmAsyncHelperTest, AWriteIsToldOnlyWhileTheCoreIsReady) {
    makeReadyCore();
    core->asyncHelper()->handleWriteResult("CTRL", RegAccessResult::Success);
@@ -106,6 +118,16 @@ TEST_F(CoreSmAsyncHelperDeathTest, AResultWithoutACoreIsFatal) {
    EXPECT_DEATH(helper->handleWriteResult("CTRL", RegAccessResult::Success),
                 "CoreSmAsyncHelper: handleWriteResult: assertion failed: parent is not "
                 "initialized");
+}
+
+TEST_F(CoreSmAsyncHelperDeathTest, AReadResultIsTracedBeforeTheLackOfACoreIsFatal) {
+   const auto helper = Platform::make<CoreSmAsyncHelper>(nullptr);
+   EXPECT_DEATH(
+      {
+         Platform::Trace::levelsAre("TarnRegFile/CoreSmAsyncHelper=9");
+         helper->handleReadResult("CTRL", RegAccessResult::Success, 1);
+      },
+      "read CTRL from transport: result Success, value 1.*parent is not initialized");
 }
 
 TEST_F(CoreSmAsyncHelperTest, ItsOperationsTakeTheSlotsOfItsBase) {

@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <fstream>
 
+#include <fmt/format.h>
+
 #include "platform/entity/CallbackNotifiee.h"
 #include "platform/entity/TypeData.h"
 #include "platform/hardware/SimulatedSornBackend.h"
@@ -28,8 +30,10 @@ namespace TarnRegFile::Sable {
 namespace {
 
 using Platform::Trace::CaptureScope;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 using testing::Optional;
 using testing::SizeIs;
 using TestSupport::ChangeLog;
@@ -100,6 +104,17 @@ TEST_F(CoreSmBaseTest, ItBecomesReadyInsideTheReadThatFillsTheLastEntry) {
       readsAtReady = bus().size();
    });
    EXPECT_EQ(readsAtReady, 3u);
+}
+
+TEST_F(CoreSmBaseTest, ThatItIsReadyIsTracedWhenItsHookHasReturned) {
+   CaptureScope traces("TarnRegFile/CoreSmBase=3");
+   makeModel({1, true});
+   makeCore([&](Core&, const std::string&) {
+      EXPECT_THAT(traces.texts(),
+                  ElementsAre("currentGen=(0,false), newGen=(1,true)", "done creating transport"));
+   });
+   EXPECT_THAT(log, ElementsAre("ready"));
+   EXPECT_THAT(traces.texts(), Contains("CoreSm core0 is ready").Times(1));
 }
 
 TEST_F(CoreSmBaseTest, WhenConstructionFailsNothingIsLeftBehind) {
@@ -263,6 +278,45 @@ TEST_F(CoreSmBaseTest, ANewGenerationGetsANewTransportAndIsReadAnew) {
    EXPECT_THAT(statusSizes, ElementsAre(3, 2, 1, 0, 1, 2, 3));
 }
 
+TEST_F(CoreSmBaseTest, TheStatusIsEmptyBeforeTheGenerationIsTheNewOne) {
+   makeReadyCore();
+   core->initSyncRetryCountInc(1);
+   std::vector<std::pair<std::size_t, std::uint32_t>> deletions; // size, and generation by then
+   const ChangeLog changes(*status, [&] {
+      if (deletions.size() < 3) {
+         deletions.emplace_back(statusSize(), core->hwGeneration().id);
+      }
+   });
+   std::vector<std::size_t> sizes;
+   const auto observer =
+      Platform::subscribe(*core, CoreSmBase::hwGenerationAttr, [&](const Platform::Change&) {
+         sizes.push_back(statusSize());
+         EXPECT_EQ(core->initSyncRetryCount(), 0u);
+      });
+   model->generationIs({2, true});
+   EXPECT_THAT(deletions,
+               ElementsAre(testing::Pair(2, 1), testing::Pair(1, 1), testing::Pair(0, 1)));
+   EXPECT_THAT(sizes, ElementsAre(0));
+}
+
+TEST_F(CoreSmBaseTest, ThatItIsNotReadyIsToldBeforeTheNewTransportIsMade) {
+   makeReadyCore();
+   const auto before = core->transport();
+   bool isTold = false;
+   core->onHook = [&](Core& self, const std::string& line) {
+      if (line == "not ready") {
+         isTold = true;
+         EXPECT_EQ(self.transport(), before);
+         EXPECT_NE(before->implPtr(), nullptr);
+         EXPECT_EQ(self.hwGeneration(), Generation(1, true));
+         EXPECT_EQ(statusSize(), 3u);
+      }
+   };
+   model->generationIs({2, true});
+   EXPECT_TRUE(isTold);
+   EXPECT_NE(core->transport(), before);
+}
+
 TEST_F(CoreSmBaseTest, TheSameIdOfAnotherValidityIsAnotherGeneration) {
    makeReadyCore();
    model->generationIs({1, false});
@@ -286,6 +340,31 @@ TEST_F(CoreSmBaseTest, HardwareThatGoesLeavesTransportAndStatus) {
    EXPECT_THAT(bus(), IsEmpty());
    EXPECT_THAT(traces.texts(), ElementsAre("currentGen=(1,true), newGen=(1,false)", "addr=4"))
       << "what is configured is looked at, though not ready any more";
+}
+
+TEST_F(CoreSmBaseTest, WhenItIsToldThatTheHardwareHasGoneTheGenerationIsTheNewOne) {
+   makeReadyCore();
+   bool isTold = false;
+   core->onHook = [&](Core& self, const std::string& line) {
+      isTold = line == "not ready";
+      EXPECT_EQ(self.hwGeneration(), Generation(6, false));
+      EXPECT_FALSE(self.ready());
+   };
+   model->generationIs({6, false});
+   EXPECT_TRUE(isTold);
+}
+
+TEST_F(CoreSmBaseTest, ReadinessByHandWithoutHardwareEndsWhenTheGenerationIsLookedAt) {
+   makeModel({5, false});
+   makeCore();
+   core->readyIs(true);
+   forget();
+   core->handleGeneration();
+   EXPECT_FALSE(core->ready());
+   EXPECT_EQ(core->hwGeneration(), Generation(5, false));
+   EXPECT_THAT(log, ElementsAre("not ready"));
+   core->handleGeneration();
+   EXPECT_THAT(log, SizeIs(1));
 }
 
 TEST_F(CoreSmBaseTest, AMissingEntryKeepsItFromBeingReady) {
@@ -427,6 +506,16 @@ TEST_F(CoreSmBaseTest, AReadIsServedFromTheShadow) {
    EXPECT_EQ(traces.records().at(0).function, "regRead");
 }
 
+TEST_F(CoreSmBaseTest, AReadFromTheShadowIsTracedBeforeItIsTold) {
+   makeReadyCore();
+   CaptureScope traces("TarnRegFile/CoreSmBase=9");
+   core->onHook = [&](Core&, const std::string&) {
+      EXPECT_THAT(traces.texts(), ElementsAre("read CTRL from shadow: value 12"));
+   };
+   core->regRead("CTRL");
+   EXPECT_THAT(log, SizeIs(1));
+}
+
 TEST_F(CoreSmBaseTest, AReadOfWhatTheShadowDoesNotHaveIsZeroAndASuccess) {
    makeReadyCore();
    statusDel(4);
@@ -479,6 +568,24 @@ TEST_F(CoreSmBaseTest, AWriteIsConfiguredAndReachesTheHardware) {
    EXPECT_THAT(bus(), ElementsAre("guarded write 0x8 0x55"));
    EXPECT_THAT(log, ElementsAre("write SCRATCH Success"));
    EXPECT_THAT(traces.texts(), ElementsAre("addr=8", "write SCRATCH to transport: value 85 )"));
+}
+
+TEST_F(CoreSmBaseTest, AddressesAreTracedInHexadecimalAndValuesInDecimal) {
+   registerIs("LOCKED", 0x2c, false);
+   registerIs("WIDE", 0x1c);
+   makeReadyCore();
+   CaptureScope traces("TarnRegFile/CoreSmBase=9");
+   configIs(0x1c, 0x1f);
+   configIs(0x2c, 1);
+   EXPECT_THAT(traces.texts(), ElementsAre("addr=1c", "write WIDE to transport: value 31 )",
+                                           "addr=2c", "register LOCKED add=2c is not writable!"));
+   std::vector<int> levels;
+   for (const auto& record : traces.records()) {
+      levels.push_back(record.level);
+      EXPECT_EQ(record.function, "handleShadowRegister");
+   }
+   EXPECT_THAT(levels, ElementsAre(9, 9, 9, 1));
+   EXPECT_THAT(bus(), ElementsAre("guarded write 0x1c 0x1f"));
 }
 
 TEST_F(CoreSmBaseTest, AWriteOfWhatTheHardwareHasCostsNoAccess) {
@@ -598,6 +705,17 @@ TEST_F(CoreSmBaseTest, WhatCannotBeWrittenIsTracedEachTimeAndStaysConfigured) {
    EXPECT_THAT(log, ElementsAre("ready", "not ready", "ready"));
 }
 
+TEST_F(CoreSmBaseTest, WhatCannotBeWrittenIsTracedThoughNothingIsConfigured) {
+   makeReadyCore();
+   CaptureScope traces("TarnRegFile/CoreSmBase=1");
+   core->handleShadowRegister(CoreRegisterKey(0));
+   EXPECT_THAT(traces.texts(), ElementsAre("register ID add=0 is not writable!"));
+   configIs(0, 1);
+   configDel(0);
+   EXPECT_THAT(traces.texts(), SizeIs(3)) << "set and deleted alike";
+   EXPECT_THAT(bus(), IsEmpty());
+}
+
 TEST_F(CoreSmBaseTest, ARegisterThatTheModelLostIsTakenAsWritable) {
    makeReadyCore();
    model->registerDescDel("SCRATCH");
@@ -619,6 +737,31 @@ TEST_F(CoreSmBaseTest, WhatIsConfiguredWhileNotReadyIsAppliedOnceWhenReady) {
                                   "guarded write 0x8 0x9"));
    EXPECT_THAT(log, ElementsAre("write SCRATCH Success", "ready"));
    EXPECT_THAT(statusOf(8), Optional(9));
+}
+
+TEST_F(CoreSmBaseTest, WhatIsConfiguredWhileDesiresAreAppliedIsLookedAtOnce) {
+   constexpr std::uint32_t first = 0x10;
+   constexpr std::uint32_t last = 0x4c;
+   for (std::uint32_t address = first; address <= last; address += 4) {
+      registerIs("R" + std::to_string(address), address);
+   }
+   makeModel();
+   makeCore([&](Core&, const std::string& line) {
+      if (line == "write CTRL Success") {
+         for (std::uint32_t address = first; address <= last; address += 4) {
+            configIs(address, address);
+         }
+      }
+   });
+   configIs(4, 1);
+   CaptureScope traces("TarnRegFile/CoreSmBase=9");
+   model->generationIs({1, true});
+   EXPECT_THAT(traces.texts(), Contains("addr=4").Times(1));
+   for (std::uint32_t address = first; address <= last; address += 4) {
+      EXPECT_THAT(traces.texts(), Contains(fmt::format("addr={:x}", address)).Times(1));
+      EXPECT_EQ(space.word(address), address);
+   }
+   EXPECT_EQ(log.back(), "ready");
 }
 
 TEST_F(CoreSmBaseTest, AValueIsEnteredIntoTheStatusReadyOrNot) {
@@ -685,8 +828,23 @@ TEST_F(DamagedCoreTest, ADamagedStatusReadsAsZero) {
    EXPECT_EQ(core->regRead("CTRL"), 0u);
    EXPECT_THAT(log, ElementsAre("read CTRL Success 0"));
    EXPECT_THAT(reports, ElementsAre("status"));
-   core->accessHwIs(true);
    EXPECT_THAT(bus(), IsEmpty());
+}
+
+TEST_F(DamagedCoreTest, ADamagedStatusIsReportedThoughTheReadGoesToTheHardware) {
+   makeReadyCore();
+   core->accessHwIs(true);
+   statusIs(4, 0x12345678);
+   damage("status", 0x12345678);
+   std::size_t reportsAtAccess = 0;
+   access->onAccess = [&] { reportsAtAccess = reports.size(); };
+   space.sizeIs(0); // so that there is nothing to enter where the damage is
+   EXPECT_EQ(core->regRead("CTRL"), 0xffffffffu);
+   access->onAccess = {};
+   EXPECT_EQ(reportsAtAccess, 1u) << "the status is looked up first";
+   EXPECT_THAT(reports, ElementsAre("status"));
+   EXPECT_THAT(bus(), ElementsAre("guarded read 0x4"));
+   EXPECT_THAT(log, ElementsAre("read CTRL Error 4294967295")) << "told once";
 }
 
 TEST_F(DamagedCoreTest, ADamagedDesireIsNone) {
@@ -903,6 +1061,85 @@ TEST_F(CoreSmBaseTest, AGenerationInsideTheResultOfAWriteKeepsItsOwnStatus) {
    EXPECT_THAT(statusOf(8), Optional(0x70));
 }
 
+TEST_F(CoreSmBaseTest, AReadInsideTheResultOfAWriteDoesNotOutliveTheWrittenValue) {
+   makeReadyCore();
+   core->accessHwIs(true);
+   std::optional<std::uint32_t> inside;
+   core->onHook = [&](Core& self, const std::string& line) {
+      if (line == "write SCRATCH Success") {
+         space.wordIs(8, 0x70); // a register that does not read as it was written
+         EXPECT_EQ(self.regRead("SCRATCH"), 0x70u);
+         inside = statusOf(8);
+      }
+   };
+   core->regWrite("SCRATCH", 1);
+   EXPECT_THAT(inside, Optional(0x70));
+   EXPECT_THAT(statusOf(8), Optional(1));
+   EXPECT_THAT(configured(8), Optional(1));
+   EXPECT_THAT(log, ElementsAre("write SCRATCH Success", "read SCRATCH Success 112"));
+}
+
+TEST_F(CoreSmBaseTest, HardwareThatGoesWhileDesiresAreAppliedIsAllThatIsTold) {
+   makeModel();
+   makeCore([&](Core&, const std::string& line) {
+      if (line == "write SCRATCH Success") {
+         model->generationIs({1, false});
+      }
+   });
+   configIs(8, 9);
+   CaptureScope traces("TarnRegFile/CoreSmBase=3");
+   model->generationIs({1, true});
+   EXPECT_FALSE(core->ready());
+   EXPECT_THAT(log, ElementsAre("write SCRATCH Success", "not ready"));
+   EXPECT_THAT(traces.texts(), Not(Contains("CoreSm core0 is ready")));
+}
+
+TEST_F(CoreSmBaseTest, AGenerationThatComesWhileDesiresAreAppliedIsReadyOnce) {
+   makeModel();
+   makeCore([&](Core& self, const std::string& line) {
+      if (line == "write SCRATCH Success" && model->generation().id == 1) {
+         model->generationIs({2, true});
+         EXPECT_TRUE(self.ready());
+      }
+   });
+   configIs(8, 9);
+   model->generationIs({1, true});
+   EXPECT_TRUE(core->ready());
+   EXPECT_EQ(core->hwGeneration(), Generation(2, true));
+   EXPECT_THAT(log, ElementsAre("write SCRATCH Success", "not ready", "ready"));
+   EXPECT_THAT(statusOf(8), Optional(9));
+}
+
+TEST_F(CoreSmBaseTest, ACoreThatIsTakenDownWhileDesiresAreAppliedIsNotReady) {
+   makeModel();
+   makeCore([](Core& self, const std::string& line) {
+      if (line == "write SCRATCH Success") {
+         self.teardown();
+      }
+   });
+   configIs(8, 9);
+   CaptureScope traces("TarnRegFile/CoreSmBase=3");
+   model->generationIs({1, true});
+   EXPECT_FALSE(core->ready());
+   EXPECT_THAT(log, ElementsAre("write SCRATCH Success"));
+   EXPECT_THAT(traces.texts(), Not(Contains("CoreSm core0 is ready")));
+}
+
+TEST_F(CoreSmBaseTest, ReadinessThatAnObserverTakesBackAtOnceIsNotToldAfterwards) {
+   makeReadyCore();
+   core->readyIs(false);
+   forget();
+   const auto observer =
+      Platform::subscribe(*core, CoreSmBase::readyAttr, [&](const Platform::Change&) {
+         if (core->ready()) {
+            core->readyIs(false);
+         }
+      });
+   core->readyIs(true);
+   EXPECT_FALSE(core->ready());
+   EXPECT_THAT(log, ElementsAre("not ready"));
+}
+
 // --- The initial sync's failures
 
 /// A core in its initial sync whose transport answers inside the call, as the test says.
@@ -954,6 +1191,24 @@ TEST_F(SyncRetryTest, TheCountIsOfAllRegistersTogether) {
    EXPECT_THAT(countsInside, ElementsAre(0, 0, 1, 1, 2, 2));
 }
 
+TEST_F(SyncRetryTest, ARepeatedReadOfATransportThatWasReplacedDoesNotCountInTheNewGeneration) {
+   const auto kept = core->transport();
+   int accesses = 0;
+   fake->onAccess = [&, method = &*kept] {
+      method->errorNotifier()->errorIs(false);
+      if (++accesses == 1) {
+         throw std::runtime_error("no");
+      }
+      model->generationIs({2, true}); // inside of the repeated read
+   };
+   kept->regRead("CTRL");
+   EXPECT_EQ(accesses, 2);
+   EXPECT_NE(core->transport(), kept);
+   EXPECT_EQ(core->hwGeneration(), Generation(2, true));
+   EXPECT_TRUE(core->ready());
+   EXPECT_EQ(core->initSyncRetryCount(), 0u);
+}
+
 using SyncRetryDeathTest = SyncRetryTest;
 
 TEST_F(SyncRetryDeathTest, TheFourthFailureIsFatal) {
@@ -1000,6 +1255,19 @@ TEST_F(CoreSmBaseDeathTest, AccessesOfWhatTheCoreDoesNotHaveAreFatal) {
    EXPECT_DEATH(configIs(0x1c, 1), "CoreSmBase: handleShadowRegister: assertion failed: register "
                                    "addr=0x1c is not managed by core0");
    EXPECT_DEATH(core->regWrite("", 1), "register  is not managed by core0");
+}
+
+TEST_F(CoreSmBaseDeathTest, AnAddressThatTheCoreDoesNotHaveIsFatalThoughNothingIsConfigured) {
+   makeReadyCore();
+   const char* const text = "CoreSmBase: handleShadowRegister: assertion failed: register "
+                            "addr=0x1c is not managed by core0";
+   EXPECT_DEATH(core->handleShadowRegister(CoreRegisterKey(0x1c)), text);
+   core->hasNotificationActiveIs(false);
+   configIs(0x1c, 1);
+   core->hasNotificationActiveIs(true);
+   EXPECT_DEATH(configDel(0x1c), text);
+   core->hasNotificationActiveIs(false);
+   configDel(0x1c);
 }
 
 TEST_F(CoreSmBaseDeathTest, AResultOfTheInitialSyncWhenReadyIsFatal) {
@@ -1276,6 +1544,65 @@ TEST_F(AsyncCoreTest, AGenerationDuringTheSyncStartsItAnew) {
    EXPECT_THAT(log, ElementsAre("ready"));
    EXPECT_EQ(core->hwGeneration(), Generation(2, true));
    EXPECT_THAT(statusOf(4), Optional(0x44));
+}
+
+TEST_F(AsyncCoreTest, LateResultsOfATransportThatWasReplacedAreOfTheCurrentSync) {
+   makeAsyncModel(std::make_unique<TestSupport::GatedSornBackend>(gate));
+   gate->gateIs(false);
+   model->generationIs({1, true});
+   makeCore();
+   gate->awaitArrivals(1);
+   const auto kept = core->transport(); // else its requests would be taken back
+   model->generationIs({2, true});
+   ASSERT_NE(core->transport(), kept);
+   EXPECT_EQ(statusSize(), 0u);
+   const ChangeLog changes(*status);
+   gate->gateIs(true);
+   ASSERT_TRUE(until([&] { return changes.changes.size() == 6; })) << "three of each transport";
+   EXPECT_TRUE(core->ready());
+   EXPECT_THAT(log, ElementsAre("ready"));
+   kept->handleDeletion();
+}
+
+TEST_F(AsyncCoreTest, LateResultsOfATransportThatWasReplacedMakeItReady) {
+   makeAsyncModel(std::make_unique<TestSupport::GatedSornBackend>(gate));
+   gate->gateIs(false);
+   model->generationIs({1, true});
+   makeCore();
+   gate->awaitArrivals(1);
+   const auto kept = core->transport();
+   model->generationIs({2, true});
+   const auto helper = kept->implPtr()->getAsyncHelper();
+   ASSERT_TRUE(helper);
+   for (const char* name : {"ID", "CTRL", "SCRATCH"}) {
+      EXPECT_FALSE(core->ready());
+      helper->handleReadResult(name, RegAccessResult::Success, 3);
+   }
+   EXPECT_TRUE(core->ready()) << "though the new transport's are still held";
+   EXPECT_THAT(log, ElementsAre("ready"));
+   EXPECT_THAT(statusOf(4), Optional(3));
+   kept->handleDeletion();
+   gate->gateIs(true);
+   ASSERT_TRUE(until([&] { return statusOf(4) == 0u && statusOf(8) == 0u; }));
+   EXPECT_THAT(log, ElementsAre("ready")) << "reads while it is ready update the status only";
+}
+
+TEST_F(AsyncCoreTest, ALateFailureOfATransportThatWasReplacedIsRepeatedByTheNewOne) {
+   makeAsyncModel(std::make_unique<TestSupport::GatedSornBackend>(gate));
+   gate->gateIs(false);
+   model->generationIs({1, true});
+   makeCore();
+   gate->awaitArrivals(1);
+   const auto kept = core->transport();
+   model->generationIs({2, true});
+   const auto helper = kept->implPtr()->getAsyncHelper();
+   ASSERT_TRUE(helper);
+   helper->handleReadResult("CTRL", RegAccessResult::Error, 0);
+   EXPECT_EQ(core->initSyncRetryCount(), 1u);
+   kept->handleDeletion();
+   gate->gateIs(true);
+   ASSERT_TRUE(untilReady());
+   EXPECT_THAT(log, ElementsAre("ready"));
 }
 
 TEST_F(AsyncCoreTest, HardwareThatGoesDuringTheSyncLeavesItNotReady) {
