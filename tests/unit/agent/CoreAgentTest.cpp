@@ -13,10 +13,7 @@
 #include "platform/tables/TableMount.h"
 #include "platform/trace/CaptureScope.h"
 #include "TarnRegFile/PciTransportDescriptor.h"
-#include "tests/support/JournalPciAccess.h"
-#include "tests/support/Registers.h"
-#include "tests/support/RegisterSpace.h"
-#include "tests/support/TempDir.h"
+#include "tests/unit/agent/CoreAgentFixture.h"
 
 namespace Agent {
 namespace {
@@ -26,74 +23,7 @@ using TarnRegFile::Sable::CorePhase;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr auto patience = std::chrono::seconds(60);
-
-class CoreAgentTest : public testing::Test {
-protected:
-   CoreAgentTest() {
-      file->addrBlockSizeIs(4);
-      registerIs("ID", 0, false);
-      registerIs("CTRL", 4);
-      registerIs("SCRATCH", 8);
-      space.wordIs(4, 0xc);
-      settings.checkInterval = std::chrono::milliseconds(0);
-      settings.retryFirst = std::chrono::milliseconds(1);
-      settings.retryMost = std::chrono::milliseconds(4);
-      access->onAccess = [this] {
-         ++accesses;
-         if (fails && fails(accesses)) {
-            throw std::runtime_error("out of order");
-         }
-      };
-   }
-
-   void registerIs(const std::string& name, std::uint32_t address, bool writable = true) {
-      TestSupport::registerIs(*file, name, address, writable);
-   }
-
-   void make() {
-      agent.emplace(
-         loop, tables,
-         CoreAgent::Hardware{
-            .name = "fpga",
-            .registers = file,
-            .descriptor = [this] { return TarnRegFile::pciTransportDescriptorFactory(access); },
-            .reason = [](const std::string& /*regName*/) { return "out of order"; },
-            .alive = {},
-            .isThere = isThere},
-         settings, registry);
-   }
-
-   /// What the registers of a device that has gone read.
-   void allOnesAre() {
-      for (const std::size_t offset : {0U, 4U, 8U}) {
-         space.wordIs(offset, 0xffffffff);
-      }
-   }
-
-   bool until(const std::function<bool()>& predicate) { return loop.runUntil(predicate, patience); }
-   bool untilReady(std::uint32_t generation) {
-      return until([this, generation] {
-         return agent->state().ready && agent->state().generation == generation;
-      });
-   }
-
-   Platform::EventLoop loop;
-   TestSupport::TempDir directory;
-   Platform::Tables::TableService tables{
-      loop, Platform::Tables::TableDirectory(directory.path("tables"))};
-   Platform::Metrics::Registry registry;
-   TestSupport::RegisterSpace space{4096};
-   Platform::Ptr<TestSupport::JournalPciAccess> access =
-      Platform::make<TestSupport::JournalPciAccess>("fpga", space.path());
-   Platform::Ptr<Hardware::HardwareRegisterFile> file =
-      Hardware::hardwareRegisterFileFactory("list");
-   Settings settings;
-   int accesses = 0;
-   std::function<std::optional<bool>()> isThere;
-   std::function<bool(int)> fails; // whether the access of that number does
-   std::optional<CoreAgent> agent;
-};
+class CoreAgentTest : public CoreAgentFixture {};
 
 TEST_F(CoreAgentTest, EveryRegisterIsReadBeforeTheGenerationAndInIt) {
    make();

@@ -113,6 +113,25 @@ TEST_F(OrderedRunnerTest, WhatWaitedForAnOperationIsToldWhenItIsTakenBackBeforeI
    EXPECT_FALSE(outcomes->op().has(UniqueId(7)));
 }
 
+TEST_F(OrderedRunnerTest, WhatIsTakenBackWhileNothingCanStartLeavesNothingBehind) {
+   make();
+   isReady = false;
+   for (std::uint64_t id = 1; id <= 20; ++id) {
+      ops->opIs(operation(id, 1));
+   }
+   EXPECT_TRUE(loop.runUntil([this] { return runner->wantsToStart(); }, patience));
+   for (std::uint64_t id = 1; id <= 20; ++id) {
+      ops->opDel(UniqueId(id));
+   }
+   EXPECT_TRUE(loop.runUntil([this] { return !runner->wantsToStart(); }, patience));
+   EXPECT_GE(idle, 1) << "what waited for them waits no more";
+   isReady = true;
+   ops->opIs(operation(21, 1));
+   EXPECT_TRUE(loop.runUntil([this] { return outcomes->op().has(UniqueId(21)); }, patience));
+   EXPECT_EQ(outcomes->op().size(), 1u);
+   EXPECT_EQ(counters.operations.value(), 1u);
+}
+
 TEST_F(OrderedRunnerTest, AnOutcomeTellsOfAWriteOnlyAfterWhoReplacesTheWishHasBeenTold) {
    make();
    std::vector<std::uint32_t> claimed;
