@@ -1,6 +1,7 @@
 // What clients do, and what becomes of the tables and of the device, while the core's owner is in
 // the middle of something.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -55,6 +56,23 @@ public:
 private:
    void (*_handler)(int) = std::signal(SIGXFSZ, SIG_IGN);
    rlimit _before{};
+};
+
+/// What another process does that was stopped while it made a table.
+class DirectoryHeld {
+public:
+   explicit DirectoryHeld(const std::string& file) : _fd(::open(file.c_str(), O_RDWR | O_CLOEXEC)) {
+      struct flock lock = {};
+      lock.l_type = F_WRLCK;
+      lock.l_whence = SEEK_SET;
+      EXPECT_EQ(::fcntl(_fd, F_OFD_SETLK, &lock), 0);
+   }
+   ~DirectoryHeld() { ::close(_fd); }
+   DirectoryHeld(const DirectoryHeld&) = delete;
+   DirectoryHeld& operator=(const DirectoryHeld&) = delete;
+
+private:
+   const int _fd;
 };
 
 class CoreAgentInterleavingTest : public CoreAgentFixture {
@@ -298,6 +316,21 @@ TEST_F(CoreAgentInterleavingTest, ADeviceThatDiesWhileWishesAreWrittenIsNoticedA
    for (std::uint32_t i = 0; i < count; ++i) {
       EXPECT_EQ(space.word(0x100 + 4 * i), i + 1);
    }
+}
+
+TEST_F(CoreAgentInterleavingTest, TablesThatCannotBeMadeForNowAreMadeLater) {
+   const auto wishes = wishesNew(); // and with it the directory
+   wishes->regMapIs(wish(8, 2));
+   {
+      const DirectoryHeld held(directory.path("tables/.lock"));
+      ASSERT_NO_THROW(make()) << "the other cores have nothing to do with it";
+      EXPECT_EQ(agent->state().phase, CorePhase::waiting);
+      EXPECT_FALSE(agent->state().ready);
+      EXPECT_THAT(agent->state().lastError, HasSubstr("is locked by another process"));
+      EXPECT_EQ(accesses, 0);
+   }
+   ASSERT_TRUE(untilReady(1));
+   EXPECT_EQ(space.word(8), 2u);
 }
 
 } // namespace
