@@ -281,8 +281,12 @@ void CoreAgent::_mount() {
       _claimAll();
    }
 
-   // What an agent before this one has left says nothing of the hardware as it is now.
-   _tables.status->regMapDelAll();
+   // What an agent before this one has left says nothing of the hardware as it is now. Each removal
+   // is looked into first: the table may have been damaged since it was mounted.
+   for (const Key& key : _tables.status->regMap().keys()) {
+      _tables.status->regMap().checkWrite(key);
+      _tables.status->regMapDel(key);
+   }
    _state.pid = static_cast<std::uint32_t>(::getpid());
    _state.registersTotal = static_cast<std::uint32_t>(_regNames.size());
    if (const auto request = _tables.request->regMap().get(Key(0))) {
@@ -379,6 +383,7 @@ void CoreAgent::_claimAll() {
       if (!_tables.opsStatus->op().has(key)) {
          TarnRegFile::Sable::OrderedRegisterOp claim(key);
          claim.opSizeIs(_tables.ops->op().get(key).value_or(claim).opSize());
+         _tables.opsStatus->op().checkWrite(key);
          _tables.opsStatus->opIs(claim);
       }
    }

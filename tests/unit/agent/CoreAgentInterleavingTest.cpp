@@ -10,13 +10,17 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <functional>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "platform/tables/CollectionControl.h"
 #include "platform/trace/CaptureScope.h"
+#include "platform/trace/Sink.h"
+#include "platform/trace/Trace.h"
 #include "TarnRegFile/CoreMonitor.h"
 #include "tests/unit/agent/CoreAgentFixture.h"
 
@@ -36,6 +40,35 @@ void spend(std::chrono::milliseconds time) {
    while (std::chrono::steady_clock::now() < end) {
    }
 }
+
+/// Does something once when a record whose text contains `text` is traced, as long as it lives.
+class WhenTraced {
+public:
+   WhenTraced(std::string text, std::function<void()> work)
+      : _before(Platform::Trace::sinkIs(std::make_shared<Trap>(std::move(text), std::move(work)))) {
+   }
+   ~WhenTraced() { Platform::Trace::sinkIs(_before); }
+   WhenTraced(const WhenTraced&) = delete;
+   WhenTraced& operator=(const WhenTraced&) = delete;
+
+private:
+   class Trap : public Platform::Trace::Sink {
+   public:
+      Trap(std::string text, std::function<void()> work)
+         : _text(std::move(text)), _work(std::move(work)) {}
+      void write(const Platform::Trace::Record& record) override {
+         if (_work && record.text.find(_text) != record.text.npos) {
+            std::exchange(_work, nullptr)();
+         }
+      }
+
+   private:
+      const std::string _text;
+      std::function<void()> _work;
+   };
+
+   std::shared_ptr<Platform::Trace::Sink> _before;
+};
 
 /// As long as it lives, no table can be made: its file would be too large.
 class NoNewTables {
@@ -253,6 +286,32 @@ TEST_F(CoreAgentInterleavingTest, ACoreInTroubleShowsThatItIsNotReadyBeforeItIsR
    ASSERT_TRUE(untilReady(2));
    EXPECT_TRUE(monitor.isReady());
    EXPECT_THAT(written(), testing::IsEmpty()) << "what could not be claimed was not begun";
+}
+
+TEST_F(CoreAgentInterleavingTest, ATableThatIsCutOffWhileItIsReplacedIsReplacedOnceMore) {
+   make();
+   ASSERT_TRUE(untilReady(1));
+   {
+      // Between the making of the new one and its mounting.
+      const WhenTraced again("table 'fpga/status' was damaged", [this] { damage("status"); });
+      damage("status");
+      agent->renew();
+      ASSERT_TRUE(until([this] { return !agent->state().ready; }));
+      ASSERT_TRUE(untilReady(2));
+   }
+   EXPECT_EQ(::access(directory.path("tables/fpga%2Fstatus.damaged.old").c_str(), F_OK), 0)
+      << "both were damaged";
+}
+
+TEST_F(CoreAgentInterleavingTest, ATableThatIsCutOffBetweenItsMountAndItsFirstChangeIsReplaced) {
+   make();
+   ASSERT_TRUE(untilReady(1));
+   damage("state");
+   // The state is mounted last; the status, which has records, is emptied then.
+   const WhenTraced cut("table 'fpga/state' was damaged", [this] { damage("status"); });
+   agent->renew();
+   ASSERT_TRUE(untilReady(2));
+   EXPECT_EQ(::access(directory.path("tables/fpga%2Fstatus.damaged").c_str(), F_OK), 0);
 }
 
 TEST_F(CoreAgentInterleavingTest, AWishMadeDuringAnOperationStandsAndIsWrittenAfterIt) {
