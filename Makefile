@@ -16,7 +16,7 @@ UNSHUFFLED := $(shell setarch -R true 2>/dev/null && echo setarch -R)
 
 .NOTPARALLEL:
 .DEFAULT_GOAL := help
-.PHONY: help packages build test vm-test demo release asan tsan coverage install-check debian fuzz \
+.PHONY: help packages build test vm-test demo release asan tsan coverage install-check symbols debian fuzz \
         torture soak bench format format-check tidy include-check clean
 
 help: ## List the actions
@@ -74,6 +74,11 @@ install-check: ## Install into a directory, and build with it as a stranger woul
 	cmake --preset release
 	cmake --build --preset release --target $(addsuffix /all,platform TarnRegFile board tools examples nimbo agent)
 	scripts/check-install build/release
+
+symbols: ## Take over what the libraries export now as what they are meant to (cmake/symbols)
+	cmake --preset release
+	cmake --build --preset release --target TarnPlatform TarnRegFile
+	scripts/check-symbols --renew build/release/lib
 
 debian: ## Make Debian packages of what is shipped (build/release/*.deb)
 	cmake --preset release
