@@ -23,6 +23,9 @@ public:
 
    bool json() const noexcept { return _json; }
 
+   /// What the command is to exit with as far as is known now.
+   ExitCode code() const noexcept { return _exit; }
+
    /// How values are shown.
    NumberBase base() const noexcept { return _base; }
 

@@ -1,30 +1,13 @@
 #include "tools/tarnreg/ShadowView.h"
 
-#include <exception>
-#include <stdexcept>
-
-#include <fmt/format.h>
-
-#include "TarnRegFile/RegisterFileChecker.h"
 #include "TarnRegFile/RegisterFileHelper.h"
+#include "tools/tarnreg/ListOnlyDevice.h"
 #include "tools/tarnreg/Selection.h"
 
 namespace TarnReg {
 
 using TarnRegFile::Sable::ShadowClient;
 using TarnRegFile::Sable::ShadowError;
-
-namespace {
-
-/// A device that is only its register list. None of the verbs accesses it.
-class ListOnly : public TarnRegFile::BaseTransportMethodImpl {
-public:
-   explicit ListOnly(const std::string& list) : BaseTransportMethodImpl(list.c_str(), 1, nullptr) {}
-   std::uint32_t regRead(const char*) override { throw std::logic_error("no transport"); }
-   void regWrite(const char*, std::uint32_t) override { throw std::logic_error("no transport"); }
-};
-
-} // namespace
 
 ExitCode codeOf(const ShadowError& error) {
    switch (error.kind()) {
@@ -45,23 +28,10 @@ ExitCode codeOf(const ShadowError& error) {
 ShadowView::ShadowView(const Platform::Tables::TableDirectory& directory, const std::string& core,
                        const std::string& list, const Board::TransportUrl& url)
    : _service(_loop, directory), _url(url) {
-   // Loading it would stop the process.
-   if (const std::size_t line = TarnRegFile::RegisterFileChecker::stoppingLine(list)) {
-      throw Failure(
-         ExitCode::general,
-         fmt::format("{}:{}: the lower bound of a range is above the upper", list, line));
-   }
-   const auto method = TarnRegFile::transportMethodFactory(core);
-   try {
-      method->implPtrIs(new ListOnly(list));
-   } catch (const std::exception& error) {
-      throw Failure(ExitCode::general,
-                    fmt::format("{}: {}; tarnreg check says where", list, error.what()));
-   }
-   _device = std::make_unique<Device>(method, nullptr);
+   _device = listOnlyDevice(core, list, 1);
    _client = onShadow([&] {
       return std::make_unique<ShadowClient>(_loop, _service, core,
-                                            method->regFileHelper()->regFilePtr());
+                                            _device->method().regFileHelper()->regFilePtr());
    });
 }
 

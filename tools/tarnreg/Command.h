@@ -1,0 +1,97 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "tools/tarnreg/Arguments.h"
+#include "tools/tarnreg/ExitCode.h"
+#include "tools/tarnreg/Options.h"
+#include "tools/tarnreg/Session.h"
+
+/// Private to the command line.
+namespace TarnReg {
+
+/// Turns one of these words into its number, as the options' enumerations are parsed.
+template <typename Enum>
+CLI::Validator oneOf(const std::vector<std::pair<std::string, Enum>>& choices) {
+   return CLI::Validator(
+      [choices](std::string& word) {
+         std::string known;
+         for (const auto& [name, value] : choices) {
+            if (name == CLI::detail::to_lower(word)) {
+               word = std::to_string(static_cast<int>(value));
+               return std::string();
+            }
+            known += (known.empty() ? "" : ", ") + name;
+         }
+         return fmt::format("'{}' is none of {}", word, known);
+      },
+      "");
+}
+
+/// What takes the character away again that guards a word in brackets; see guardedWords().
+CLI::Validator unguarded();
+
+/// `words` in the order in which CLI11 takes them, last one first, in a form in which it leaves
+/// brackets alone: of those that stand in brackets the options get, through unguarded(), what was
+/// there.
+std::vector<std::string> guardedWords(const std::vector<std::string>& words);
+
+std::chrono::steady_clock::duration seconds(double number);
+
+/// One command line: what may be on it, and what is to be done then.
+class Command {
+public:
+   /// `session` outlives it.
+   explicit Command(Session& session);
+   Command(const Command&) = delete;
+   Command& operator=(const Command&) = delete;
+
+   /// Carries out the command line of `words`, those behind the program's name.
+   ExitCode run(const std::vector<std::string>& words);
+
+private:
+   void _globalOptions();
+   void _verbs();
+   void _exportVerb();
+   void _tableVerbs();
+   void _shadowVerbs();
+   void _shadowOrderVerbs(CLI::App& shadow);
+   void _shadowCoreVerbs(CLI::App& shadow);
+   std::vector<std::string> _cores(bool needed) const;
+   ShadowView& _shadowView();
+   CLI::App* _verb(const char* name, const char* list, const char* help,
+                   std::function<void(Report&)> action);
+   CLI::App* _subVerb(CLI::App& parent, const char* name, const char* list, const char* help,
+                      std::function<void(Report&)> action);
+   Platform::Tables::TableDirectory _tableDirectory() const;
+   static CLI::Option* _words(CLI::App& verb, const char* name, std::vector<std::string>& words,
+                              const char* help);
+   void _diff(Report& report);
+   void _export(Report& report);
+   void _accessTimeout(CLI::App& verb);
+   void _bound(Device& device) const;
+   static void _seconds(CLI::App& verb, const char* name, double& value, const char* help);
+   void _installTrace();
+   bool _writesValues() const;
+   Device& _device(const Device* other = nullptr);
+   Console& _talk();
+   ExitCode _runVerb();
+
+   Session& _session;
+   CLI::App _app;
+   Arguments _arguments;
+   std::string _verbName;
+   std::string _listName;
+   std::function<void(Report&)> _action;
+   std::unique_ptr<ShadowView> _shadow;
+};
+
+} // namespace TarnReg
