@@ -39,6 +39,8 @@ constexpr const char* foreign =
 constexpr const char* misplaced =
    "{}: the entry of address {:#x} is one of address {:#x}; it is removed";
 constexpr const char* replacedTable = "{}: table '{}' was damaged ({}) and is made anew: {}; {}";
+constexpr const char* finishedTable =
+   "{}: the replacement of table '{}' was interrupted; {} records are added to what it has";
 constexpr const char* cannotUse = "{}: cannot use a table: {}";
 constexpr const char* onesByBus = "it reads all ones, and the device is not on its bus";
 constexpr const char* onesByAll = "it reads all ones, and so does every other register";
@@ -300,9 +302,9 @@ void CoreAgent::_mount() {
 /// Mounts a table, in the place of a damaged one if need be.
 void CoreAgent::_mountOne(const Mount& mount) {
    const std::string tableName = mount.table->name();
+   const bool isClaims = mount.table == &_tables.opsStatus->op();
    const auto again = [&](const std::string& problem) {
       mount.control->unmount();
-      const bool isClaims = mount.table == &_tables.opsStatus->op();
       const bool before = _claimsLost;
       _claimsLost = _claimsLost || isClaims; // should making the new one fail
       const auto outcome =
@@ -313,6 +315,9 @@ void CoreAgent::_mountOne(const Mount& mount) {
       mount.control->mount();
    };
    try {
+      if (mount.isRecord && _finishReplacement(mount)) {
+         _claimsLost = _claimsLost || isClaims;
+      }
       mount.control->mount();
       mount.check();
    } catch (const Platform::Tables::CorruptionException& error) {
@@ -326,6 +331,20 @@ void CoreAgent::_mountOne(const Mount& mount) {
       again(error.what());
    }
    _access.applyToTable(tableName, mount.kind);
+}
+
+/// Whether there was one that an agent which was killed had begun.
+bool CoreAgent::_finishReplacement(const Mount& mount) {
+   const DamagedTable table(_service.directory(), mount.table->name());
+   if (!table.isInterrupted()) {
+      return false;
+   }
+   const DamagedTable::Outcome outcome =
+      table.finish(mount.table->shape(), _access.options(mount.kind), mount.isRecord);
+   const std::string text = fmt::format(finishedTable, name(), mount.table->name(), outcome.kept);
+   TARN_TRACE(traceSource, 0, "replace", "{}", text);
+   _state.lastErrorIs(text);
+   return true;
 }
 
 void CoreAgent::_mountState() {

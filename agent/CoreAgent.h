@@ -115,6 +115,7 @@ private:
    void _declare();
    void _mount();
    void _mountOne(const Mount& mount);
+   bool _finishReplacement(const Mount& mount);
    void _mountState();
    void _claimAll();
    DamagedTable::Outcome _replace(const std::string& name,

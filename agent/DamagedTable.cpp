@@ -102,6 +102,33 @@ Salvage salvaged(const Platform::Tables::TableDirectory& directory, const std::s
    return salvage;
 }
 
+void deleted(const Platform::Tables::TableDirectory& directory, const std::string& name) {
+   try {
+      directory.tableDel(name, true);
+   } catch (const std::system_error& error) {
+      if (error.code().value() != ENOENT) {
+         throw;
+      }
+   }
+}
+
+TableMount::Options mountOptions(const Platform::Tables::TableShape& shape,
+                                 const Platform::Tables::TableBase::MountOptions& options) {
+   return {.role = TableRole::writer,
+           .shape = shape,
+           .create = true,
+           .mode = options.mode,
+           .group = options.group};
+}
+
+void putAll(const Platform::Tables::TableDirectory& directory, const std::string& name,
+            const TableMount::Options& options, const Salvage& salvage) {
+   TableMount mount(directory, name, options);
+   for (const auto& [key, record] : salvage.records) {
+      mount.put(key, record);
+   }
+}
+
 } // namespace
 
 std::string DamagedTable::_path(const std::string& suffix) const {
@@ -124,38 +151,69 @@ std::string DamagedTable::_keep() const {
    return kept;
 }
 
+/// Removes the table, and cuts it off under who has it mounted.
+void DamagedTable::_remove() const {
+   const UnixFdRes old(::open(_path(".tbl").c_str(), O_WRONLY | safely));
+   const UnixFdRes bell(::open(_path(".bell").c_str(), O_WRONLY | safely));
+   deleted(_directory, _name);
+   // Closing the bell wakes who sleeps; that nothing more can be done for them is no failure.
+   static_cast<void>(old.fd() >= 0 && ::ftruncate(old.fd(), 0) == 0);
+}
+
+bool DamagedTable::isInterrupted() const {
+   struct stat status;
+   const std::string spare = Platform::Tables::TableDirectory::fileName(_spareName()) + ".tbl";
+   return ::lstat((_directory.path() + '/' + spare).c_str(), &status) == 0;
+}
+
+DamagedTable::Outcome DamagedTable::finish(const Platform::Tables::TableShape& shape,
+                                           const Platform::Tables::TableBase::MountOptions& options,
+                                           const IsRecord& isRecord) const {
+   const Salvage salvage = salvaged(_directory, _spareName(), isRecord);
+   Outcome outcome;
+   outcome.lost = salvage.lost;
+   {
+      TableMount mount(_directory, _name, mountOptions(shape, options));
+      std::vector<std::uint64_t> record(mount.recordWords());
+      for (const auto& [key, saved] : salvage.records) {
+         if (!mount.get(key, record)) {
+            mount.put(key, saved);
+            ++outcome.kept;
+         }
+      }
+   }
+   deleted(_directory, _spareName());
+   return outcome;
+}
+
 DamagedTable::Outcome
 DamagedTable::replace(const Platform::Tables::TableShape& shape,
                       const Platform::Tables::TableBase::MountOptions& options,
                       const IsRecord& isRecord) const {
-   const Salvage salvage = isRecord ? salvaged(_directory, _name, isRecord) : Salvage{};
-   Outcome outcome;
-   outcome.file = _keep();
-   outcome.lost = salvage.lost;
-   outcome.isKnown = salvage.isKnown;
-   {
-      const UnixFdRes old(::open(_path(".tbl").c_str(), O_WRONLY | safely));
-      UnixFdRes bell(::open(_path(".bell").c_str(), O_WRONLY | safely));
+   Salvage salvage;
+   if (isRecord) {
+      salvage = salvaged(_directory, _name, isRecord);
+      // What it may have from before is older than what the table has.
+      const bool isSecond = isInterrupted();
       try {
-         _directory.tableDel(_name, true);
-      } catch (const std::system_error& error) {
-         if (error.code().value() != ENOENT) {
-            throw;
-         }
+         putAll(_directory, _spareName(), mountOptions(shape, options), salvage);
+      } catch (const CorruptionException&) {
+         deleted(_directory, _spareName());
+         putAll(_directory, _spareName(), mountOptions(shape, options), salvage);
       }
-      // Closing the bell wakes who sleeps; that nothing more can be done for them is no failure.
-      static_cast<void>(old.fd() >= 0 && ::ftruncate(old.fd(), 0) == 0);
+      salvage.isKnown = salvage.isKnown && !isSecond;
    }
-   TableMount mount(_directory, _name,
-                    {.role = TableRole::writer,
-                     .shape = shape,
-                     .create = true,
-                     .mode = options.mode,
-                     .group = options.group});
-   for (const auto& [key, record] : salvage.records) {
-      mount.put(key, record);
-      ++outcome.kept;
+   const std::string file = _keep();
+   _remove();
+   Outcome outcome;
+   if (isRecord) {
+      outcome = finish(shape, options, isRecord);
+   } else {
+      static_cast<void>(TableMount(_directory, _name, mountOptions(shape, options)));
    }
+   outcome.file = file;
+   outcome.lost += salvage.lost;
+   outcome.isKnown = salvage.isKnown;
    return outcome;
 }
 

@@ -18,6 +18,10 @@ namespace Agent {
 /// NAME.damaged.old, for who wants to look into it; more are not kept. Its memory is cut off under
 /// everybody who still has it mounted, so that each of them meets the damage too, and nobody goes
 /// on reading what is not true any more, or writing what nobody is going to read.
+///
+/// What can be read of a damaged table is put into another one, NAME/salvaged, before anything is
+/// removed, and that one goes when the new table has it all. So nothing of it is lost when the
+/// process is killed in the middle; whoever mounts the table next looks whether it was.
 class DamagedTable {
 public:
    /// Whether these bytes are a record of the table, under its key.
@@ -34,16 +38,29 @@ public:
    DamagedTable(Platform::Tables::TableDirectory directory, std::string name)
       : _directory(std::move(directory)), _name(std::move(name)) {}
 
+   /// Whether a process has ended in the middle of a replacement that keeps records.
+   bool isInterrupted() const;
+
+   /// Does the rest of a replacement that was interrupted. A record that the table has is newer,
+   /// and stays; one that was removed since is there again. How many were lost is not known any
+   /// more. Throws what making a table throws, CorruptionException if the table is damaged again:
+   /// then it is to be replaced.
+   Outcome finish(const Platform::Tables::TableShape& shape,
+                  const Platform::Tables::TableBase::MountOptions& options,
+                  const IsRecord& isRecord) const;
+
    /// Nobody in this process has it mounted. With `isRecord` every record that is undamaged and one
    /// goes into the new table; without, it is empty. Throws what making a table throws; then there
-   /// may be none.
+   /// may be none, and it is interrupted.
    Outcome replace(const Platform::Tables::TableShape& shape,
                    const Platform::Tables::TableBase::MountOptions& options,
                    const IsRecord& isRecord) const;
 
 private:
+   std::string _spareName() const { return _name + "/salvaged"; }
    std::string _path(const std::string& suffix) const;
    std::string _keep() const;
+   void _remove() const;
 
    const Platform::Tables::TableDirectory _directory;
    const std::string _name;

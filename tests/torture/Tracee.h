@@ -30,6 +30,12 @@ public:
       return stopSignal() == SIGTRAP;
    }
 
+   /// On to where the next system call begins, or the one under way ends. False: the work is done.
+   bool call() {
+      check(::ptrace(PTRACE_SYSCALL, _pid, nullptr, nullptr) == 0, "syscall");
+      return stopSignal() == SIGTRAP;
+   }
+
    /// SIGKILL, and the end of the process.
    void kill() {
       if (_pid > 0) {

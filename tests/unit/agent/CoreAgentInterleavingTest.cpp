@@ -314,6 +314,28 @@ TEST_F(CoreAgentInterleavingTest, ATableThatIsCutOffBetweenItsMountAndItsFirstCh
    EXPECT_EQ(::access(directory.path("tables/fpga%2Fstatus.damaged").c_str(), F_OK), 0);
 }
 
+TEST_F(CoreAgentInterleavingTest, AReplacementThatAnAgentWasKilledInIsFinishedByTheNext) {
+   {
+      const auto saved = shadowRegisterConfigFactory("fpga/config/salvaged");
+      saved->regMapControlIs(controlNew());
+      controls.back()->mount();
+      saved->regMapIs(wish(8, 0x55));
+      const auto begun = orderedRegisterStatusFactory("fpga/ops-status/salvaged");
+      begun->opControlIs(controlNew());
+      controls.back()->mount();
+   }
+   const auto ops = opsNew();
+   ops->opIs(operation());
+   make();
+   ASSERT_TRUE(untilReady(1));
+   ASSERT_TRUE(until([&] { return !ops->op().has(id); }));
+   EXPECT_THAT(written(), ElementsAre("guarded write 0x8 0x55"))
+      << "whether the operation was begun is not known";
+   EXPECT_EQ(wishesNew()->regMap().get(CoreRegisterKey(8)), wish(8, 0x55));
+   EXPECT_EQ(outcomesNew()->op().get(id).value().regKeyCount(), 0u);
+   EXPECT_THAT(tables.directory().tableNames(), Not(Contains(HasSubstr("salvaged"))));
+}
+
 TEST_F(CoreAgentInterleavingTest, AWishMadeDuringAnOperationStandsAndIsWrittenAfterIt) {
    const auto wishes = wishesNew();
    const auto ops = opsNew();

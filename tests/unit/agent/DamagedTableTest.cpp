@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -15,6 +16,7 @@
 
 #include "platform/tables/TableMount.h"
 #include "tests/support/TempDir.h"
+#include "tests/torture/Tracee.h"
 
 namespace Agent {
 namespace {
@@ -63,6 +65,20 @@ protected:
       ::close(fd);
    }
 
+   /// What the agent does at its start.
+   DamagedTable::Outcome mend() {
+      const DamagedTable table(tables, "t");
+      const TableBase::MountOptions options{.role = TableRole::writer};
+      try {
+         if (table.isInterrupted()) {
+            return table.finish(shape(), options, all());
+         }
+         const TableMount mount(tables, "t", {.role = TableRole::writer});
+         return {};
+      } catch (const CorruptionException&) {
+         return table.replace(shape(), options, all());
+      }
+   }
    DamagedTable::Outcome replace(const DamagedTable::IsRecord& isRecord) {
       return DamagedTable(tables, "t").replace(shape(), {.role = TableRole::writer}, isRecord);
    }
@@ -144,6 +160,74 @@ TEST_F(DamagedTableTest, NoLinkIsFollowed) {
    replace({});
    replace({});
    EXPECT_EQ(directory.read("precious"), "x");
+}
+
+TEST_F(DamagedTableTest, KilledAtAnySystemCallItLosesNothing) {
+   std::size_t calls = 0;
+   std::size_t finished = 0;
+   for (bool isDone = false; !isDone; calls += 2) { // each call is met at its begin and at its end
+      damage(7);
+      {
+         Torture::Tracee process([] {}, [this] { replace(all()); });
+         for (std::size_t i = 0; i < calls && !isDone; ++i) {
+            isDone = !process.call();
+         }
+      }
+      const bool isInterrupted = DamagedTable(tables, "t").isInterrupted();
+      finished += isInterrupted ? 1U : 0U;
+      const auto outcome = mend();
+      if (isInterrupted) {
+         EXPECT_FALSE(outcome.isKnown) << "whether more was lost is not known any more";
+      }
+      EXPECT_FALSE(DamagedTable(tables, "t").isInterrupted()) << calls;
+      EXPECT_THAT(tables.tableNames(), testing::ElementsAre("t"));
+      ASSERT_EQ(count(), 99u) << "killed at system call " << calls;
+      TableMount mount(tables, "t", {.role = TableRole::writer});
+      mount.put(bytesOf(7), bytesOf(0xabcd0007));
+   }
+   EXPECT_GT(calls, 50u);
+   EXPECT_GT(finished, 10u);
+}
+
+TEST_F(DamagedTableTest, WhatIsNewerThanAnInterruptionStays) {
+   {
+      TableMount spare(tables, "t/salvaged",
+                       {.role = TableRole::writer, .shape = shape(), .create = true});
+      spare.put(bytesOf(7), bytesOf(0x11));
+      spare.put(bytesOf(1000), bytesOf(0x22));
+   }
+   const auto outcome = mend();
+   EXPECT_EQ(outcome.kept, 1u);
+   const TableMount mount(tables, "t", {});
+   std::vector<std::uint64_t> record(mount.recordWords());
+   ASSERT_EQ(mount.get(bytesOf(7), record), 4u);
+   EXPECT_EQ(static_cast<std::uint32_t>(record.front()), 0xabcd0007);
+   ASSERT_EQ(mount.get(bytesOf(1000), record), 4u);
+   EXPECT_EQ(static_cast<std::uint32_t>(record.front()), 0x22u);
+}
+
+TEST_F(DamagedTableTest, WhatWasSavedIsNotUsedIfItIsDamagedItself) {
+   TableMount(tables, "t/salvaged", {.role = TableRole::writer, .shape = shape(), .create = true});
+   std::filesystem::resize_file(directory.path("tables/t%2Fsalvaged.tbl"), 100);
+   const auto finished = mend();
+   EXPECT_EQ(finished.kept, 0u);
+   EXPECT_EQ(count(), 100u);
+   EXPECT_THAT(tables.tableNames(), testing::ElementsAre("t"));
+
+   directory.write("tables/t%2Fsalvaged.tbl", "no table");
+   damage(7);
+   const auto replaced = replace(all());
+   EXPECT_EQ(replaced.kept, 99u);
+   EXPECT_FALSE(replaced.isKnown);
+   EXPECT_THAT(tables.tableNames(), testing::ElementsAre("t"));
+}
+
+TEST_F(DamagedTableTest, WithoutRoomForWhatIsSavedTheDamagedOneStays) {
+   directory.write("tables/t%2Fsalvaged.ctl", "");
+   std::filesystem::create_directory(file("%2Fsalvaged.tbl"));
+   damage(7);
+   EXPECT_THROW(replace(all()), std::exception);
+   EXPECT_TRUE(std::filesystem::exists(file(".tbl")));
 }
 
 } // namespace
