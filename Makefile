@@ -16,7 +16,7 @@ UNSHUFFLED := $(shell setarch -R true 2>/dev/null && echo setarch -R)
 
 .NOTPARALLEL:
 .DEFAULT_GOAL := help
-.PHONY: help packages build test vm-test demo release asan tsan coverage install-check symbols debian fuzz \
+.PHONY: help packages build test vm-test demo release asan tsan valgrind coverage install-check symbols debian fuzz \
         torture soak bench format format-check tidy include-check clean
 
 help: ## List the actions
@@ -58,6 +58,9 @@ tsan: ## Run all tests under the thread sanitizer
 	cmake --preset tsan
 	$(UNSHUFFLED) cmake --build --preset tsan
 	cd build/tsan && $(UNSHUFFLED) $(CTEST)
+
+valgrind: build ## Run the unit tests under valgrind (needs valgrind; takes half an hour)
+	scripts/run-valgrind build/dev
 
 coverage: ## Run all tests and report which lines they reach (needs gcovr for the report)
 	cmake --preset coverage

@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <ostream>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -313,6 +314,11 @@ struct Malformed {
    std::string bytes;
    const char* why;
 };
+
+// Else its bytes are printed, those between its members included.
+void PrintTo(const Malformed& malformed, std::ostream* out) {
+   *out << malformed.what;
+}
 
 class MalformedFrame : public ServerTest, public testing::WithParamInterface<Malformed> {};
 
