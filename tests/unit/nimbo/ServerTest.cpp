@@ -12,8 +12,8 @@
 #include <deque>
 #include <memory>
 #include <optional>
-#include <random>
 #include <ostream>
+#include <random>
 #include <string>
 #include <system_error>
 #include <thread>
