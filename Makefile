@@ -75,7 +75,7 @@ coverage: ## Run all tests and report which lines they reach (needs gcovr for th
 
 install-check: ## Install into a directory, and build with it as a stranger would
 	cmake --preset release
-	cmake --build --preset release --target $(addsuffix /all,platform TarnRegFile board tools examples nimbo agent)
+	cmake --build --preset release --target $(addsuffix /all,platform TarnRegFile board tools examples nimbo agent docs)
 	scripts/check-install build/release
 
 symbols: ## Take over what the libraries export now as what they are meant to (cmake/symbols)
@@ -85,7 +85,7 @@ symbols: ## Take over what the libraries export now as what they are meant to (c
 
 debian: ## Make Debian packages of what is shipped (build/release/*.deb)
 	cmake --preset release
-	cmake --build --preset release --target $(addsuffix /all,platform TarnRegFile board tools examples nimbo agent)
+	cmake --build --preset release --target $(addsuffix /all,platform TarnRegFile board tools examples nimbo agent docs)
 	cd build/release && rm -f *.deb && cpack
 
 fuzz: ## Run each fuzzer for SECONDS=60, from its kept inputs

@@ -1,8 +1,8 @@
 # What `cmake --install` puts where, in four components, which are also the Debian packages:
 #
 #   runtime  the two shared libraries
-#   dev      headers, CMake package, pkg-config files
-#   tools    the programs and their units for systemd
+#   dev      headers, CMake package, pkg-config files, manual pages of the file formats
+#   tools    the programs, their manual pages and their units for systemd
 #   doc      the documentation and the examples
 #
 # Headers are below include/tarnregfile, where both of their roots are: TarnRegFile/ and platform/.
