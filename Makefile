@@ -39,7 +39,7 @@ vm-test: ## Run the programs on a real kernel's devices, in a virtual machine (n
 	cmake --build --preset dev --target tarnreg nimbod tarn-shadowd vm_register_client shadow_client
 	tests/vm/vm_test.py build/dev
 
-demo: packages ## Build what is shipped and show the sample board at work
+demo: packages ## Build what is shipped; show it on a simulated board, daemon and agent included
 	cmake --preset release
 	cmake --build --preset release --target $(addsuffix /all,$(wildcard tools examples nimbo agent))
 	scripts/demo build/release
