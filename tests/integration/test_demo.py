@@ -71,12 +71,12 @@ class Demo(unittest.TestCase):
         self.assertIn("$ tarnsim control get leds BRIGHTNESS\n0x1f\n", said)
         self.assertIn("shadow set SCRATCH=0xcafe --wait\nSCRATCH  0x0000cafe\n\n"
                       "$ tarnsim control get fpga-i2c SCRATCH\n0xcafe\n", said)
-        for failure in ("cannot read FPGA_ID: Error writing address",
-                        "cannot read FPGA_ID: Nimbo failure", "and the wish stands"):
-            self.assertIn(f"tarnreg: error: {failure}" if "cannot" in failure else failure, said)
+        for failure in ("tarnreg: error: cannot read FPGA_ID: Error writing address",
+                        "tarnreg: error: cannot read FPGA_ID: Nimbo failure", "and the wish stands"):
+            self.assertIn(failure, said)
         self.assertEqual(said.count("(exit code 5)"), 2)
         self.assertEqual(said.count("(exit code 6)"), 1)
-        self.assertIn("fpga-sorn  waiting  generation 1", said)
+        self.assertRegex(said, r"fpga-sorn  (waiting|probing)  generation 1 .* losses 1 ")
         self.assertIn("$ tarnsim control get fpga-i2c SCRATCH\n0xbeef\n", said)
         self.assertIn("fpga-sorn  ready  generation 2", said)
         self.assertTrue(said.endswith("Done. Nothing is left of it.\n"), said)
