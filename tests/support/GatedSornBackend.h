@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -38,6 +39,10 @@ public:
       void awaitArrivals(std::size_t count) {
          std::unique_lock lock(mutex);
          changed.wait(lock, [&] { return arrived >= count; });
+      }
+      bool arrivesIn(std::chrono::milliseconds time) {
+         std::unique_lock lock(mutex);
+         return changed.wait_for(lock, time, [&] { return arrived >= 1; });
       }
       void awaitGone() {
          std::unique_lock lock(mutex);
