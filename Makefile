@@ -16,7 +16,7 @@ UNSHUFFLED := $(shell setarch -R true 2>/dev/null && echo setarch -R)
 
 .NOTPARALLEL:
 .DEFAULT_GOAL := help
-.PHONY: help packages build test vm-test demo release asan tsan valgrind coverage install-check symbols debian fuzz \
+.PHONY: help packages build test vm-test demo release asan tsan valgrind coverage install-check docs symbols debian fuzz \
         torture soak bench format format-check tidy include-check clean
 
 help: ## List the actions
@@ -77,6 +77,11 @@ install-check: ## Install into a directory, and build with it as a stranger woul
 	cmake --preset release
 	cmake --build --preset release --target $(addsuffix /all,platform TarnRegFile board tools examples nimbo agent docs)
 	scripts/check-install build/release
+
+docs: ## Make the API reference (build/docs/html); fail if a comment in a header is wrong
+	@mkdir -p build/docs
+	TARN_VERSION=$$(sed -n 's/^  VERSION //p' CMakeLists.txt) doxygen docs/Doxyfile
+	@echo "API reference: build/docs/html/index.html"
 
 symbols: ## Take over what the libraries export now as what they are meant to (cmake/symbols)
 	cmake --preset release
