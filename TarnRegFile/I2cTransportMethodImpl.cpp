@@ -64,6 +64,19 @@ void I2cTransportMethodImpl::regWrite(const char* regName, std::uint32_t value) 
    writeFunction(_openFd("regWrite"), reg, value);
 }
 
+std::uint32_t I2cTransportMethodImpl::regReadResolved(const String&, const HardwareRegister& reg) {
+   return readFunction(_openFd("regRead"), reg);
+}
+
+void I2cTransportMethodImpl::regWriteResolved(const String&, const HardwareRegister& reg,
+                                              std::uint32_t value) {
+   writeFunction(_openFd("regWrite"), reg, value);
+}
+
+const std::type_info& I2cTransportMethodImpl::handleAccessType() const noexcept {
+   return typeid(I2cTransportMethodImpl);
+}
+
 int I2cTransportMethodImpl::_openFd(const char* function) const {
    const int fd = i2cFd->fd();
    if (fd < 0) {

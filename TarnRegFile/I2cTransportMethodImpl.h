@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "TarnRegFile/Export.h"
+#include "TarnRegFile/HandleAccess.h"
 #include "TarnRegFile/I2cFlavour.h"
 #include "TarnRegFile/TransportMethodImpl.h"
 #include "TarnRegFile/Utils.h"
@@ -16,7 +17,7 @@ namespace TarnRegFile {
 /// The device is opened and the peripheral's address set once, when the transport is made. A
 /// failed transfer is reported and nothing else: the next access tries again on the same
 /// descriptor, so a device that comes back works again by itself.
-class TARN_API I2cTransportMethodImpl : public BaseTransportMethodImpl {
+class TARN_API I2cTransportMethodImpl : public BaseTransportMethodImpl, public HandleAccess {
 public:
    /// `peripheralAddress` is the device's 7-bit address on the bus. Throws, in this order:
    /// - std::out_of_range "_Map_base::at" for a flavour that there is not, before anything else;
@@ -33,6 +34,11 @@ public:
 
    /// As regRead().
    void regWrite(const char* regName, std::uint32_t value) override;
+
+   std::uint32_t regReadResolved(const String& regName, const HardwareRegister& reg) override;
+   void regWriteResolved(const String& regName, const HardwareRegister& reg,
+                         std::uint32_t value) override;
+   const std::type_info& handleAccessType() const noexcept override;
 
 private:
    I2cTransportMethodImpl(const i2cflavspec::Spec& spec, const char* devicePath,

@@ -30,6 +30,21 @@ void I2cTransportSornImpl::regWrite(const char* regName, std::uint32_t value) {
    _sm->sornWrite(regName, value);
 }
 
+std::uint32_t I2cTransportSornImpl::regReadResolved(const String& regName,
+                                                    const HardwareRegister& reg) {
+   _sm->readResolved(regName, reg);
+   return 0;
+}
+
+void I2cTransportSornImpl::regWriteResolved(const String& regName, const HardwareRegister& reg,
+                                            std::uint32_t value) {
+   _sm->writeResolved(regName, reg, value);
+}
+
+const std::type_info& I2cTransportSornImpl::handleAccessType() const noexcept {
+   return typeid(I2cTransportSornImpl);
+}
+
 void I2cTransportSornImpl::asyncHelperIs(Ptr<AsyncHelperBase> newHelper) {
    _sm->asyncHelperIs(newHelper);
 }

@@ -4,6 +4,7 @@
 
 #include "platform/hardware/Sorn.h"
 #include "TarnRegFile/Export.h"
+#include "TarnRegFile/HandleAccess.h"
 #include "TarnRegFile/I2cTransportSornImplSm.h"
 #include "TarnRegFile/TransportMethodImpl.h"
 #include "TarnRegFile/Types.h"
@@ -17,7 +18,7 @@ namespace TarnRegFile {
 ///
 /// Without a helper results are dropped. When the transport goes, what is in flight is taken back;
 /// what the bus has begun of it may still be done. There is no block access.
-class TARN_API I2cTransportSornImpl : public BaseTransportMethodImpl {
+class TARN_API I2cTransportSornImpl : public BaseTransportMethodImpl, public HandleAccess {
 public:
    /// Of the device at address `devId` on the bus that `sorn` is a handle of. Throws what the base
    /// throws, and std::system_error EINVAL (generic category) when `sorn` is null.
@@ -30,6 +31,11 @@ public:
 
    /// Submits the write. Throws as regRead().
    void regWrite(const char* regName, std::uint32_t value) override;
+
+   std::uint32_t regReadResolved(const String& regName, const HardwareRegister& reg) override;
+   void regWriteResolved(const String& regName, const HardwareRegister& reg,
+                         std::uint32_t value) override;
+   const std::type_info& handleAccessType() const noexcept override;
 
    /// The receiver of results is the state machine's; the base's own place stays empty.
    void asyncHelperIs(Ptr<AsyncHelperBase> helper) override;

@@ -83,9 +83,7 @@ Ptr<I2cTransportRequest>
 I2cTransportSornImplSm::i2cTransportRequestIs(const Ptr<Hardware::SornRequest>& i2cRequest,
                                               std::string_view regName, std::uint16_t regAddress,
                                               std::uint32_t regWidth) {
-   if (_isTornDown) {
-      Platform::throwError(ESHUTDOWN, tornDown);
-   }
+   _checkInService();
    if (!i2cRequest) {
       Platform::throwError(EINVAL, nullRequest);
    }
@@ -129,10 +127,18 @@ void I2cTransportSornImplSm::i2cTransportRequestDelAll() {
 }
 
 Ptr<I2cTransportRequest> I2cTransportSornImplSm::newTransportRequest(const String& regName) {
+   _checkInService();
+   return _requestFor(regName, _regFile->registerByName(regName));
+}
+
+void I2cTransportSornImplSm::_checkInService() const {
    if (_isTornDown) {
       Platform::throwError(ESHUTDOWN, tornDown);
    }
-   const HardwareRegister& record = _regFile->registerByName(regName);
+}
+
+Ptr<I2cTransportRequest> I2cTransportSornImplSm::_requestFor(const String& regName,
+                                                             const HardwareRegister& record) {
    if (record.width > record.accessWidth) {
       Platform::throwError(EINVAL,
                            fmt::format(unexpectedWidth, regName, record.width, record.accessWidth));
@@ -162,8 +168,19 @@ void I2cTransportSornImplSm::_submit(const I2cTransportRequest& request, const D
 }
 
 void I2cTransportSornImplSm::sornRead(const String& regName) {
+   _checkInService();
+   readResolved(regName, _regFile->registerByName(regName));
+}
+
+void I2cTransportSornImplSm::sornWrite(const String& regName, std::uint32_t value) {
+   _checkInService();
+   writeResolved(regName, _regFile->registerByName(regName), value);
+}
+
+void I2cTransportSornImplSm::readResolved(const String& regName, const HardwareRegister& record) {
    const Ptr<I2cTransportSornImplSm> held(this);
-   const Ptr<I2cTransportRequest> request = newTransportRequest(regName);
+   _checkInService();
+   const Ptr<I2cTransportRequest> request = _requestFor(regName, record);
    request->opIs(Hardware::SornOp::Opcode::read);
    request->i2cRequest()->stateIs(Hardware::SornRequestState::idle);
    const std::uint64_t address = _accessWord(*request);
@@ -172,9 +189,11 @@ void I2cTransportSornImplSm::sornRead(const String& regName) {
    });
 }
 
-void I2cTransportSornImplSm::sornWrite(const String& regName, std::uint32_t value) {
+void I2cTransportSornImplSm::writeResolved(const String& regName, const HardwareRegister& record,
+                                           std::uint32_t value) {
    const Ptr<I2cTransportSornImplSm> held(this);
-   const Ptr<I2cTransportRequest> request = newTransportRequest(regName);
+   _checkInService();
+   const Ptr<I2cTransportRequest> request = _requestFor(regName, record);
    request->opIs(Hardware::SornOp::Opcode::write);
    request->dataIs(value);
    request->i2cRequest()->stateIs(Hardware::SornRequestState::idle);

@@ -86,6 +86,11 @@ public:
    /// four bytes to any other. Throws as sornRead().
    void sornWrite(const String& regName, std::uint32_t value);
 
+   /// sornRead() and sornWrite() of a register whose record has been looked up before, under
+   /// `regName`.
+   void readResolved(const String& regName, const HardwareRegister& record);
+   void writeResolved(const String& regName, const HardwareRegister& record, std::uint32_t value);
+
    /// The request whose result the helper is being told; null at other times. Its `i2cRequest`
    /// has the access manager's status and errno of a failure.
    const Ptr<I2cTransportRequest>& told() const noexcept { return _told; }
@@ -112,6 +117,8 @@ private:
       Platform::OwnedNotifiee<Reactor> reactor; // gone before the request
    };
 
+   void _checkInService() const;
+   Ptr<I2cTransportRequest> _requestFor(const String& regName, const HardwareRegister& record);
    std::vector<Key> _keys() const;
    std::uint64_t _accessWord(const I2cTransportRequest& request) const;
    template <typename Describe>

@@ -51,7 +51,27 @@ MockTransportMethodImpl::MockTransportMethodImpl(const char* csvPath,
 MockTransportMethodImpl::~MockTransportMethodImpl() = default;
 
 std::uint32_t MockTransportMethodImpl::regRead(const char* name) {
-   const std::uint32_t address = helper->registerByName(name).address;
+   return _read(helper->registerByName(name).address);
+}
+
+void MockTransportMethodImpl::regWrite(const char* name, std::uint32_t value) {
+   _write(helper->registerByName(name).address, value);
+}
+
+std::uint32_t MockTransportMethodImpl::regReadResolved(const String&, const HardwareRegister& reg) {
+   return _read(reg.address);
+}
+
+void MockTransportMethodImpl::regWriteResolved(const String&, const HardwareRegister& reg,
+                                               std::uint32_t value) {
+   _write(reg.address, value);
+}
+
+const std::type_info& MockTransportMethodImpl::handleAccessType() const noexcept {
+   return typeid(MockTransportMethodImpl);
+}
+
+inline std::uint32_t MockTransportMethodImpl::_read(std::uint32_t address) {
    const auto [entry, added] = _regValues->map.try_emplace(address, 0);
    const std::uint32_t value = entry->second;
    if (added) {
@@ -60,8 +80,7 @@ std::uint32_t MockTransportMethodImpl::regRead(const char* name) {
    return value;
 }
 
-void MockTransportMethodImpl::regWrite(const char* name, std::uint32_t value) {
-   const std::uint32_t address = helper->registerByName(name).address;
+inline void MockTransportMethodImpl::_write(std::uint32_t address, std::uint32_t value) {
    const auto [entry, added] = _regValues->map.try_emplace(address, value);
    if (!added && entry->second == value) {
       return;

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "TarnRegFile/Export.h"
+#include "TarnRegFile/HandleAccess.h"
 #include "TarnRegFile/TransportMethodImpl.h"
 #include "TarnRegFile/Types.h"
 
@@ -17,7 +18,7 @@ namespace TarnRegFile {
 /// for each address) and rewritten as a whole by every access that persists. Without a lock:
 /// processes that share a file do not see each other's changes, and the last writer wins. A file
 /// that cannot be read or written is silently done without.
-class TARN_API MockTransportMethodImpl : public BaseTransportMethodImpl {
+class TARN_API MockTransportMethodImpl : public BaseTransportMethodImpl, public HandleAccess {
 public:
    /// Throws what the base throws, and std::invalid_argument or std::out_of_range "stoul" for a
    /// bad number in the values file.
@@ -39,7 +40,14 @@ public:
    /// Stores `count` words, 4 address units apart, and persists once, whether or not any changed.
    void regWriteBlock(const char* name, const std::uint32_t* values, std::uint32_t count) override;
 
+   std::uint32_t regReadResolved(const String& regName, const HardwareRegister& reg) override;
+   void regWriteResolved(const String& regName, const HardwareRegister& reg,
+                         std::uint32_t value) override;
+   const std::type_info& handleAccessType() const noexcept override;
+
 private:
+   std::uint32_t _read(std::uint32_t address);
+   void _write(std::uint32_t address, std::uint32_t value);
    void _loadRegValues();
    void _loadLine(const String& line);
    void _doPersistRegValues() const;

@@ -297,8 +297,28 @@ NimboSmbusTransportMethodImpl::NimboSmbusTransportMethodImpl(
 NimboSmbusTransportMethodImpl::~NimboSmbusTransportMethodImpl() = default;
 
 std::uint32_t NimboSmbusTransportMethodImpl::regRead(const char* regName) {
-   const std::uint32_t address = helper->registerByName(regName).address;
+   return _read(helper->registerByName(regName).address);
+}
 
+void NimboSmbusTransportMethodImpl::regWrite(const char* regName, std::uint32_t value) {
+   _write(helper->registerByName(regName).address, value);
+}
+
+std::uint32_t NimboSmbusTransportMethodImpl::regReadResolved(const String&,
+                                                             const HardwareRegister& reg) {
+   return _read(reg.address);
+}
+
+void NimboSmbusTransportMethodImpl::regWriteResolved(const String&, const HardwareRegister& reg,
+                                                     std::uint32_t value) {
+   _write(reg.address, value);
+}
+
+const std::type_info& NimboSmbusTransportMethodImpl::handleAccessType() const noexcept {
+   return typeid(NimboSmbusTransportMethodImpl);
+}
+
+std::uint32_t NimboSmbusTransportMethodImpl::_read(std::uint32_t address) {
    // First the register pointer, whose low byte is the data of a write; then what is there.
    Smbus::TransactionRequest transaction;
    const char low = byteOf(address, 0);
@@ -325,9 +345,7 @@ std::uint32_t NimboSmbusTransportMethodImpl::regRead(const char* regName) {
    return value;
 }
 
-void NimboSmbusTransportMethodImpl::regWrite(const char* regName, std::uint32_t value) {
-   const std::uint32_t address = helper->registerByName(regName).address;
-
+void NimboSmbusTransportMethodImpl::_write(std::uint32_t address, std::uint32_t value) {
    Smbus::TransactionRequest transaction;
    const std::array<char, 1 + valueSize> data{byteOf(address, 0), byteOf(value, 3),
                                               byteOf(value, 2), byteOf(value, 1), byteOf(value, 0)};

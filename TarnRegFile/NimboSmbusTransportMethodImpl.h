@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "TarnRegFile/Export.h"
+#include "TarnRegFile/HandleAccess.h"
 #include "TarnRegFile/NimboSmbusTransportDescriptor.h"
 #include "TarnRegFile/PciAddress.h"
 #include "TarnRegFile/TransportMethodImpl.h"
@@ -24,7 +25,7 @@ namespace TarnRegFile {
 ///   follows on the connection makes no sense any more. A program then makes a new transport.
 /// - Sending to a daemon that has gone raises SIGPIPE. A program that ignores the signal gets an
 ///   error in its place.
-class TARN_API NimboSmbusTransportMethodImpl : public BaseTransportMethodImpl {
+class TARN_API NimboSmbusTransportMethodImpl : public BaseTransportMethodImpl, public HandleAccess {
 public:
    /// Throws, in this order: what the base throws; std::system_error with the errno of connecting;
    /// std::system_error EINVAL (generic category) for a descriptor of another flavour than
@@ -42,6 +43,11 @@ public:
    /// As regRead().
    void regWrite(const char* regName, std::uint32_t value) override;
 
+   std::uint32_t regReadResolved(const String& regName, const HardwareRegister& reg) override;
+   void regWriteResolved(const String& regName, const HardwareRegister& reg,
+                         std::uint32_t value) override;
+   const std::type_info& handleAccessType() const noexcept override;
+
 protected:
    int nimboFd = -1;
    int mastertype = 0; // of type Smbus::MasterType
@@ -52,6 +58,8 @@ protected:
    std::uint32_t pciBdf = 0;
 
 private:
+   std::uint32_t _read(std::uint32_t address);
+   void _write(std::uint32_t address, std::uint32_t value);
    std::uint64_t _addressWord(std::uint32_t offset) const noexcept;
 };
 

@@ -65,6 +65,12 @@ bool PciTransportMethodImpl::hardwareReady() const noexcept {
 // By reference: a copy of the record would copy its name, at the price of an allocation.
 inline const HardwareRegister& PciTransportMethodImpl::_getReg(const char* regName) const {
    const HardwareRegister& reg = helper->registerByName(regName);
+   _checkAccess(regName, reg);
+   return reg;
+}
+
+inline void PciTransportMethodImpl::_checkAccess(const char* regName,
+                                                 const HardwareRegister& reg) const {
    if (!_hwAccessImpl) [[unlikely]] {
       Platform::throwError(ENODEV, fmt::format(noHandle, regName));
    }
@@ -74,7 +80,6 @@ inline const HardwareRegister& PciTransportMethodImpl::_getReg(const char* regNa
    if (reg.accessWidth < reg.width) [[unlikely]] {
       throw std::runtime_error(fmt::format(tooWide, regName));
    }
-   return reg;
 }
 
 void PciTransportMethodImpl::_notReady() const {
@@ -125,16 +130,40 @@ inline void PciTransportMethodImpl::_write(std::uint32_t offset, std::uint32_t v
    }
 }
 
-std::uint32_t PciTransportMethodImpl::regRead(const char* regName) {
-   const HardwareRegister& reg = _getReg(regName);
+inline std::uint32_t PciTransportMethodImpl::_readReg(const char* regName,
+                                                      const HardwareRegister& reg) const {
+   _checkAccess(regName, reg);
    _checkRoom(regName, reg.address, 1);
    return masked(reg, _read(reg.address));
 }
 
-void PciTransportMethodImpl::regWrite(const char* regName, std::uint32_t value) {
-   const HardwareRegister& reg = _getReg(regName);
+inline void PciTransportMethodImpl::_writeReg(const char* regName, const HardwareRegister& reg,
+                                              std::uint32_t value) const {
+   _checkAccess(regName, reg);
    _checkRoom(regName, reg.address, 1);
    _write(reg.address, value);
+}
+
+std::uint32_t PciTransportMethodImpl::regRead(const char* regName) {
+   return _readReg(regName, helper->registerByName(regName));
+}
+
+void PciTransportMethodImpl::regWrite(const char* regName, std::uint32_t value) {
+   _writeReg(regName, helper->registerByName(regName), value);
+}
+
+std::uint32_t PciTransportMethodImpl::regReadResolved(const String& regName,
+                                                      const HardwareRegister& reg) {
+   return _readReg(regName.c_str(), reg);
+}
+
+void PciTransportMethodImpl::regWriteResolved(const String& regName, const HardwareRegister& reg,
+                                              std::uint32_t value) {
+   _writeReg(regName.c_str(), reg, value);
+}
+
+const std::type_info& PciTransportMethodImpl::handleAccessType() const noexcept {
+   return typeid(PciTransportMethodImpl);
 }
 
 void PciTransportMethodImpl::regReadBlock(const char* regName, std::uint32_t* buf,

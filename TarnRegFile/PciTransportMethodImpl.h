@@ -4,6 +4,7 @@
 
 #include "platform/hardware/PciHwAccessImpl.h"
 #include "TarnRegFile/Export.h"
+#include "TarnRegFile/HandleAccess.h"
 #include "TarnRegFile/TransportMethodImpl.h"
 #include "TarnRegFile/Types.h"
 
@@ -18,7 +19,7 @@ namespace TarnRegFile {
 /// Platform::BusErrorGuard and makes guarded accesses, so that a SIGBUS becomes a
 /// Hardware::SigbusException. A handle that is not ready counts as a bus error before anything is
 /// accessed: the same exception, or, without the guard, the signal itself.
-class TARN_API PciTransportMethodImpl : public BaseTransportMethodImpl {
+class TARN_API PciTransportMethodImpl : public BaseTransportMethodImpl, public HandleAccess {
 public:
    /// `chipName` is the path of the register list, empty when `regFile` is given. A null handle is
    /// accepted; the transport then only answers questions about its registers.
@@ -53,6 +54,11 @@ public:
    /// Writes `count` consecutive words. After a bus error half-way those before it are written.
    void regWriteBlock(const char* regName, const std::uint32_t* buf, std::uint32_t count) override;
 
+   std::uint32_t regReadResolved(const String& regName, const HardwareRegister& reg) override;
+   void regWriteResolved(const String& regName, const HardwareRegister& reg,
+                         std::uint32_t value) override;
+   const std::type_info& handleAccessType() const noexcept override;
+
    /// Whether the handle says that the device can be accessed; false without a handle.
    bool hardwareReady() const noexcept;
 
@@ -61,6 +67,9 @@ public:
 
 private:
    const HardwareRegister& _getReg(const char* regName) const;
+   void _checkAccess(const char* regName, const HardwareRegister& reg) const;
+   std::uint32_t _readReg(const char* regName, const HardwareRegister& reg) const;
+   void _writeReg(const char* regName, const HardwareRegister& reg, std::uint32_t value) const;
    void _checkRoom(const char* regName, std::uint32_t offset, std::uint32_t count) const;
    [[noreturn]] void _refuse(const char* regName, std::uint32_t offset, std::uint32_t count) const;
    void _notReady() const;

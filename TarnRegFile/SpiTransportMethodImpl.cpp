@@ -41,7 +41,23 @@ std::uint32_t SpiTransportMethodImpl::regRead(const char*) {
 }
 
 void SpiTransportMethodImpl::regWrite(const char* regName, std::uint32_t value) {
-   const std::uint32_t address = helper->registerByName(regName).address;
+   _write(helper->registerByName(regName).address, value);
+}
+
+std::uint32_t SpiTransportMethodImpl::regReadResolved(const String&, const HardwareRegister&) {
+   Platform::throwError(EIO, noRead);
+}
+
+void SpiTransportMethodImpl::regWriteResolved(const String&, const HardwareRegister& reg,
+                                              std::uint32_t value) {
+   _write(reg.address, value);
+}
+
+const std::type_info& SpiTransportMethodImpl::handleAccessType() const noexcept {
+   return typeid(SpiTransportMethodImpl);
+}
+
+void SpiTransportMethodImpl::_write(std::uint32_t address, std::uint32_t value) {
    // A rejected write takes an id too, so that ids count the writes that were asked for.
    const auto request = Platform::make<Hardware::SpiEngineRequest>(_nextRequestId++);
    if (address > maxAddress) {

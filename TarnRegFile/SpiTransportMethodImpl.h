@@ -8,6 +8,7 @@
 #include "platform/hardware/SpiEngineSm.h"
 #include "platform/hardware/SpiEngineStatus.h"
 #include "TarnRegFile/Export.h"
+#include "TarnRegFile/HandleAccess.h"
 #include "TarnRegFile/TransportMethodImpl.h"
 #include "TarnRegFile/Types.h"
 
@@ -21,7 +22,7 @@ namespace TarnRegFile {
 /// that does not answer fails no write here. Writes still queued when the transport is destroyed
 /// are not sent, and count as failed; a program that wants them sent calls drain() of its
 /// Hardware::SpiHwAccess first.
-class TARN_API SpiTransportMethodImpl : public BaseTransportMethodImpl {
+class TARN_API SpiTransportMethodImpl : public BaseTransportMethodImpl, public HandleAccess {
 public:
    /// Throws what the base throws, and std::system_error EINVAL (generic category) when `hwAccess`
    /// is null or no Hardware::SpiHwAccess. `chipName` is the path of the register list.
@@ -41,6 +42,11 @@ public:
    /// queue is full. Nothing is queued then.
    void regWrite(const char* regName, std::uint32_t value) override;
 
+   std::uint32_t regReadResolved(const String& regName, const HardwareRegister& reg) override;
+   void regWriteResolved(const String& regName, const HardwareRegister& reg,
+                         std::uint32_t value) override;
+   const std::type_info& handleAccessType() const noexcept override;
+
    // The parts of the engine, for those who wait for completion or watch for failures; never null.
    const Ptr<Hardware::SpiEngine>& spiEngine() const noexcept { return _engine; }
    const Ptr<Hardware::SpiEngineConfig>& spiEngineConfig() const noexcept { return _config; }
@@ -48,6 +54,8 @@ public:
    const Ptr<Hardware::SpiEngineSm>& spiEngineSm() const noexcept { return _sm; }
 
 private:
+   void _write(std::uint32_t address, std::uint32_t value);
+
    // Made in this order, released in the reverse one.
    const Ptr<Hardware::SpiEngine> _engine;
    const Ptr<Hardware::SpiEngineConfig> _config;

@@ -1,9 +1,11 @@
 #include "TarnRegFile/TransportMethod.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <limits>
 #include <stdexcept>
+#include <typeinfo>
 #include <utility>
 
 #include <fmt/format.h>
@@ -12,6 +14,7 @@
 #include "platform/entity/TypeBuilder.h"
 #include "platform/hardware/SigbusException.h"
 #include "platform/trace/Trace.h"
+#include "TarnRegFile/HandleAccess.h"
 
 namespace TarnRegFile {
 
@@ -29,6 +32,11 @@ constexpr const char* initFailed = "TransportMethod implementation init failed";
 constexpr const char* noAsyncArrays = "No async API for reg array block access.";
 constexpr const char* oddBuffer = "Buffer does not contain a whole number of uint32_ts";
 constexpr const char* arrayTooLarge = "Register array of {} words does not fit in 32 bits";
+constexpr const char* noRegister = "Handle is of no register";
+constexpr const char* foreignHandle =
+   "Handle of register '{}' is not of this TransportMethod's transport";
+constexpr const char* staleHandle =
+   "Register '{}' has changed in the register list since its handle was made";
 
 constexpr std::uint32_t failedRead = 0xFFFFFFFF;
 
@@ -51,6 +59,17 @@ void guarded(TransportMethod& method, const String& regName, const Action& actio
       errno = error;
       method.handleExceptionGeneric();
    }
+}
+
+std::uint64_t nextBinding() noexcept {
+   static std::atomic<std::uint64_t> last{0};
+   return last.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+/// How `impl` is accessed by handle; null when it is by name.
+HandleAccess* handleAccess(BaseTransportMethodImpl& impl) {
+   auto* access = dynamic_cast<HandleAccess*>(&impl);
+   return access && access->handleAccessType() == typeid(impl) ? access : nullptr;
 }
 
 } // namespace
@@ -163,9 +182,15 @@ const TransportImplFactory& TransportMethod::_factory() const {
 void TransportMethod::_implFromFactory(const TransportImplFactory& factory, const String& csvPath,
                                        const Ptr<HardwareRegisterFile>& regFile) {
    _impl = factory(_descriptorPtr, csvPath, regFile);
+   _binding = nextBinding();
    if (!_impl) {
       Platform::throwErrno(initFailed);
    }
+}
+
+void TransportMethod::implPtrIs(BaseTransportMethodImpl* impl) noexcept {
+   _impl = impl;
+   _binding = nextBinding();
 }
 
 BaseTransportMethodImpl& TransportMethod::_implOrThrow() const {
@@ -193,25 +218,91 @@ Ptr<AsyncHelperBase> TransportMethod::_helperForResult() const {
    return _impl->getAsyncHelper();
 }
 
-std::uint32_t TransportMethod::regRead(const String& regName) {
-   BaseTransportMethodImpl& impl = _implOrThrow();
+template <typename Read>
+inline std::uint32_t TransportMethod::_read(const String& regName, const Read& read) {
    // An observer or the helper may drop what was the last reference.
    const Ptr<TransportMethod> held(this);
    std::uint32_t value = failedRead;
-   guarded(*this, regName, [&] { value = impl.regRead(regName.c_str()); });
+   guarded(*this, regName, [&] { value = read(); });
    if (const Ptr<AsyncHelperBase> helper = _helperForResult()) {
       helper->handleReadResult(regName, _result(), value);
    }
    return value;
 }
 
-void TransportMethod::regWrite(const String& regName, std::uint32_t value) {
-   BaseTransportMethodImpl& impl = _implOrThrow();
+template <typename Write>
+inline void TransportMethod::_write(const String& regName, const Write& write) {
    const Ptr<TransportMethod> held(this);
-   guarded(*this, regName, [&] { impl.regWrite(regName.c_str(), value); });
+   guarded(*this, regName, write);
    if (const Ptr<AsyncHelperBase> helper = _helperForResult()) {
       helper->handleWriteResult(regName, _result());
    }
+}
+
+std::uint32_t TransportMethod::regRead(const String& regName) {
+   BaseTransportMethodImpl& impl = _implOrThrow();
+   return _read(regName, [&] { return impl.regRead(regName.c_str()); });
+}
+
+void TransportMethod::regWrite(const String& regName, std::uint32_t value) {
+   BaseTransportMethodImpl& impl = _implOrThrow();
+   _write(regName, [&] { impl.regWrite(regName.c_str(), value); });
+}
+
+RegisterHandle TransportMethod::regHandle(const String& regName) const {
+   BaseTransportMethodImpl& impl = _implOrThrow();
+   const RegFileHelper& list = *impl.regFileHelper();
+   RegisterHandle handle;
+   handle._record = list.registerByName(regName);
+   handle._name = regName;
+   handle._binding = _binding;
+   handle._list = list.regFilePtr();
+   handle._listVersion = handle._list->version();
+   // What derives from this class may override the accesses by name.
+   handle._access = typeid(*this) == typeid(TransportMethod) ? handleAccess(impl) : nullptr;
+   return handle;
+}
+
+inline void TransportMethod::_checkHandle(const RegisterHandle& handle) const {
+   const BaseTransportMethodImpl& impl = _implOrThrow();
+   if (handle._binding != _binding) [[unlikely]] {
+      Platform::throwError(EINVAL, handle._binding == 0 ? String(noRegister)
+                                                        : fmt::format(foreignHandle, handle._name));
+   }
+   const Ptr<HardwareRegisterFile>& list = impl.regFileHelper()->regFilePtr();
+   if (list.get() != handle._list.get() || list->version() != handle._listVersion) [[unlikely]] {
+      _look(handle, list);
+   }
+}
+
+/// Whether the list, which is not as the handle last saw it, has the register as it was.
+void TransportMethod::_look(const RegisterHandle& handle,
+                            const Ptr<HardwareRegisterFile>& list) const {
+   const HardwareRegister* record = list->findRegister(handle._name);
+   if (!record || *record != handle._record) {
+      Platform::throwError(ESTALE, fmt::format(staleHandle, handle._name));
+   }
+   handle._list = list;
+   handle._listVersion = list->version();
+}
+
+std::uint32_t TransportMethod::regReadByHandle(const RegisterHandle& handle) {
+   _checkHandle(handle);
+   if (!handle._access) {
+      return regRead(handle._name);
+   }
+   return _read(handle._name,
+                [&] { return handle._access->regReadResolved(handle._name, handle._record); });
+}
+
+void TransportMethod::regWriteByHandle(const RegisterHandle& handle, std::uint32_t value) {
+   _checkHandle(handle);
+   if (!handle._access) {
+      regWrite(handle._name, value);
+      return;
+   }
+   _write(handle._name,
+          [&] { handle._access->regWriteResolved(handle._name, handle._record, value); });
 }
 
 void TransportMethod::_checkArrayAccess() const {
@@ -307,6 +398,7 @@ void TransportMethod::handleExceptionGeneric() {
 }
 
 void TransportMethod::handleDeletion() {
+   _binding = nextBinding();
    // Cleared first: a transport that calls back while it is destroyed finds none.
    delete std::exchange(_impl, nullptr);
 }

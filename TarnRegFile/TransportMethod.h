@@ -8,6 +8,7 @@
 #include "TarnRegFile/AsyncHelper.h"
 #include "TarnRegFile/Export.h"
 #include "TarnRegFile/ImplFactoryMap.h"
+#include "TarnRegFile/RegisterHandle.h"
 #include "TarnRegFile/RegList.h"
 #include "TarnRegFile/TransportDescriptor.h"
 #include "TarnRegFile/TransportMethodError.h"
@@ -60,6 +61,28 @@ public:
    /// Writes a register. As regRead().
    virtual void regWrite(const String& regName, std::uint32_t value);
 
+   // The same by handle: for callers that access the same registers again and again, and would
+   // resolve the same names each time.
+
+   /// Resolves the name of a register once and for all accesses with the present transport.
+   /// Throws ENODEV as regRead() does, and what RegFileHelper::findRegisterByName() throws.
+   RegisterHandle regHandle(const String& regName) const;
+
+   /// What regRead() of the handle's name does: the same checks, accesses, trace, notification,
+   /// results for the helper, and errors. Allocates nothing that regRead() does not. Of a class
+   /// that overrides regRead() it calls the override.
+   ///
+   /// Throws, before anything else happens and whatever raiseExceptionOnError() says, beside
+   /// ENODEV: std::system_error (generic category) EINVAL "Handle of register '{}' is not of this
+   /// TransportMethod's transport" for one of another TransportMethod, or made before fullInit(),
+   /// implPtrIs() or handleDeletion(); EINVAL "Handle is of no register" for an empty one; ESTALE
+   /// "Register '{}' has changed in the register list since its handle was made", also when it is
+   /// no longer there.
+   std::uint32_t regReadByHandle(const RegisterHandle& handle);
+
+   /// What regWrite() of the handle's name does. As regReadByHandle().
+   void regWriteByHandle(const RegisterHandle& handle, std::uint32_t value);
+
    const String& name() const noexcept { return _name; }
 
    /// Whether a failed access is raised to the caller once it has been recorded; false at first.
@@ -98,7 +121,7 @@ public:
 
    /// Installs a transport that the caller has made, and takes ownership. Neither destroys the
    /// one there nor makes an error notifier.
-   void implPtrIs(BaseTransportMethodImpl* impl) noexcept { _impl = impl; }
+   void implPtrIs(BaseTransportMethodImpl* impl) noexcept;
 
    /// The transport, which stays this one's; null before initialisation and after
    /// handleDeletion(). For what only one kind of transport has.
@@ -155,6 +178,12 @@ protected:
 
 private:
    BaseTransportMethodImpl& _implOrThrow() const;
+   void _checkHandle(const RegisterHandle& handle) const;
+   void _look(const RegisterHandle& handle, const Ptr<HardwareRegisterFile>& list) const;
+   template <typename Read>
+   std::uint32_t _read(const String& regName, const Read& read);
+   template <typename Write>
+   void _write(const String& regName, const Write& write);
    const TransportImplFactory& _factory() const;
    void _checkArrayAccess() const;
    bool _errorFlag() const noexcept;
@@ -171,6 +200,10 @@ private:
    // A plain owning pointer: fullInit() overwrites it without destroying what it held, and
    // implPtrIs() takes over what the caller made.
    BaseTransportMethodImpl* _impl = nullptr;
+
+   // Another one in the whole process whenever `_impl` is set. Handles go by it, not by addresses,
+   // which are used again.
+   std::uint64_t _binding = 0;
 };
 
 /// A new TransportMethod, not initialised.

@@ -91,6 +91,38 @@ void readByName(benchmark::State& state) {
    }
 }
 
+std::vector<TarnRegFile::RegisterHandle> handles(const TarnRegFile::TransportMethod& device,
+                                                 const SampleList& list) {
+   std::vector<TarnRegFile::RegisterHandle> handles;
+   for (const std::string& name : list.names) {
+      handles.push_back(device.regHandle(name));
+   }
+   return handles;
+}
+
+void readByHandle(benchmark::State& state) {
+   const SampleList& list = sampleList(static_cast<std::size_t>(state.range(0)));
+   const auto device = openDevice(list);
+   const auto registers = handles(*device, list);
+   std::size_t i = 0;
+   for (auto _ : state) {
+      benchmark::DoNotOptimize(device->regReadByHandle(registers[i]));
+      i = i + 1 == registers.size() ? 0 : i + 1;
+   }
+}
+
+void writeByHandle(benchmark::State& state) {
+   const SampleList& list = sampleList(static_cast<std::size_t>(state.range(0)));
+   const auto device = openDevice(list);
+   const auto registers = handles(*device, list);
+   std::size_t i = 0;
+   std::uint32_t value = 0;
+   for (auto _ : state) {
+      device->regWriteByHandle(registers[i], ++value);
+      i = i + 1 == registers.size() ? 0 : i + 1;
+   }
+}
+
 void writeByName(benchmark::State& state) {
    const SampleList& list = sampleList(static_cast<std::size_t>(state.range(0)));
    const auto device = openDevice(list);
@@ -135,6 +167,8 @@ void load(benchmark::State& state) {
 BENCHMARK(bareHashFind)->Arg(100)->Arg(10000)->Arg(100000);
 BENCHMARK(readByName)->Arg(100)->Arg(10000)->Arg(100000);
 BENCHMARK(writeByName)->Arg(100)->Arg(10000)->Arg(100000);
+BENCHMARK(readByHandle)->Arg(100)->Arg(10000)->Arg(100000);
+BENCHMARK(writeByHandle)->Arg(100)->Arg(10000)->Arg(100000);
 BENCHMARK(naiveLoad)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 BENCHMARK(load)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 

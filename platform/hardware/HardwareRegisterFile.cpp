@@ -110,6 +110,7 @@ void HardwareRegisterFile::nameToRegMapIs(const String& name, const HardwareRegi
    if (present && *present == record) {
       return;
    }
+   ++_version;
    if (present && present->name == record.name) {
       *present = record;
    } else {

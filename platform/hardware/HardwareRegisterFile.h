@@ -51,6 +51,10 @@ public:
    /// `addrToNameMap` at `address` when the name differs.
    void addrToNameMapIs(std::uint32_t address, const String& name);
 
+   /// A number that is another one after each change of a record under a name: whoever keeps what
+   /// he has looked up sees by it whether to look again.
+   std::uint64_t version() const noexcept { return _version; }
+
    /// Makes room for `count` registers.
    void reserve(std::size_t count);
 
@@ -88,6 +92,7 @@ private:
 
    const String _name;
    std::uint8_t _addrBlockSize = 1;
+   std::uint64_t _version = 0;
    std::unique_ptr<Maps> _maps;
 };
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include <absl/container/flat_hash_map.h>
+#include <absl/container/flat_hash_set.h>
 
 #include "platform/entity/TypeBuilder.h"
 
@@ -16,9 +16,65 @@ absl::string_view view(std::string_view text) noexcept {
 
 } // namespace
 
+// What a look-up by name costs is the cache lines that it needs. So the hash table has but the
+// place of each register, small enough to stay in a near cache, and names stand once, in their
+// order, in which cores are mostly read.
 struct SableCoreBase::Registers {
-   std::vector<std::pair<String, CoreRegisterDescriptor>> inOrder;
-   absl::flat_hash_map<String, std::size_t> places;
+   using InOrder = std::vector<std::pair<String, CoreRegisterDescriptor>>;
+   using Place = std::uint32_t;
+
+   /// Hash and equality of places by the names that are there, and of a name alone.
+   struct NameHash {
+      using is_transparent = void;
+      std::size_t operator()(absl::string_view name) const noexcept {
+         return absl::Hash<absl::string_view>()(name);
+      }
+      std::size_t operator()(Place place) const noexcept {
+         return (*this)(view((*inOrder)[place].first));
+      }
+      const InOrder* inOrder;
+   };
+   struct NameEq {
+      using is_transparent = void;
+      bool operator()(Place place, absl::string_view name) const noexcept {
+         return view((*inOrder)[place].first) == name;
+      }
+      bool operator()(Place a, Place b) const noexcept { return a == b; }
+      const InOrder* inOrder;
+   };
+
+   Registers() : places(0, NameHash{&inOrder}, NameEq{&inOrder}) {}
+   Registers(const Registers&) = delete;
+   Registers& operator=(const Registers&) = delete;
+   ~Registers() = default;
+
+   /// The register of that name, or null.
+   InOrder::value_type* find(std::string_view name) noexcept {
+      const auto found = places.find(view(name));
+      return found == places.end() ? nullptr : &inOrder[*found];
+   }
+
+   void add(const String& name, const CoreRegisterDescriptor& descriptor) {
+      inOrder.emplace_back(name, descriptor);
+      try {
+         places.insert(static_cast<Place>(inOrder.size() - 1));
+      } catch (...) {
+         inOrder.pop_back();
+         throw;
+      }
+   }
+
+   /// Removes what find() gave. All behind it move up, so the places are found anew.
+   void remove(const InOrder::value_type* found) {
+      places.erase(places.begin(), places.end()); // which keeps the room for those that stay
+      inOrder.erase(inOrder.begin() + (found - inOrder.data()));
+      for (std::size_t i = 0; i < inOrder.size(); ++i) {
+         places.insert(static_cast<Place>(i));
+      }
+   }
+
+   InOrder inOrder;
+   absl::flat_hash_set<Place, NameHash, NameEq> places;
 };
 
 SableCoreBase::SableCoreBase(String name, Ptr<HardwareRegisterFile> registerFile,
@@ -52,38 +108,29 @@ void SableCoreBase::generationIs(const Generation& generation) {
 
 const CoreRegisterDescriptor*
 SableCoreBase::findRegisterDesc(std::string_view name) const noexcept {
-   const auto found = _registers->places.find(view(name));
-   return found == _registers->places.end() ? nullptr : &_registers->inOrder[found->second].second;
+   const auto* found = _registers->find(name);
+   return found ? &found->second : nullptr;
 }
 
 void SableCoreBase::registerDescIs(const String& name, const CoreRegisterDescriptor& descriptor) {
-   auto& [inOrder, places] = *_registers;
-   const auto [place, isNew] = places.try_emplace(name, inOrder.size());
-   if (isNew) {
-      inOrder.emplace_back(name, descriptor);
-   } else {
-      CoreRegisterDescriptor& present = inOrder[place->second].second;
-      if (present == descriptor) {
+   if (auto* const present = _registers->find(name)) {
+      if (present->second == descriptor) {
          return;
       }
-      present = descriptor;
+      present->second = descriptor;
+   } else {
+      _registers->add(name, descriptor);
    }
    publish(registerDescAttr, name);
 }
 
 void SableCoreBase::registerDescDel(const String& name) {
-   auto& [inOrder, places] = *_registers;
-   const auto found = places.find(name);
-   if (found == places.end()) {
+   const auto* const found = _registers->find(name);
+   if (!found) {
       return;
    }
-   const std::size_t place = found->second;
-   const String removed = std::move(inOrder[place].first); // `name` may be this one
-   places.erase(found);
-   inOrder.erase(inOrder.begin() + static_cast<std::ptrdiff_t>(place));
-   for (std::size_t i = place; i < inOrder.size(); ++i) {
-      places[inOrder[i].first] = i;
-   }
+   const String removed = found->first; // `name` may be this one
+   _registers->remove(found);
    publish(registerDescAttr, removed);
 }
 

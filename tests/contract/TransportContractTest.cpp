@@ -3,9 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -384,6 +388,198 @@ TEST_P(TransportContract, ADumpPrintsAllButConfigurationByAddress) {
              line("ID", "0x1f") + line("CTRL", "0xabc") + line("CNT[0]", "0x0") +
                 line("CNT[1]", "0x0") + line("CNT[2]", "0x0") + line("CNT[3]", "0x0"));
    EXPECT_FALSE(error());
+}
+
+// --- By handle
+
+/// What is to be seen of a number of accesses, by name or by handle: values, failures, trace, flag,
+/// what the helper was told and what the device has seen.
+class Transcript {
+public:
+   Transcript(const Transport& transport, bool byHandle) : _byHandle(byHandle) {
+      const auto model = Hardware::hardwareRegisterFileFactory("model");
+      const auto add = [&](const std::string& name, const std::string& ownName,
+                           std::uint32_t number, std::uint32_t width, std::uint32_t accessWidth) {
+         TarnRegFile::HardwareRegister record;
+         record.name = ownName;
+         record.address = number;
+         record.width = width;
+         record.accessWidth = accessWidth;
+         record.arraySize = 1;
+         record.writable = number != id;
+         model->nameToRegMapIs(name, record);
+         _names.push_back(name);
+      };
+      add("ID", "ID", id, 32, 32);
+      add("CTRL", "CTRL", ctrl, 32, 32);
+      add("A_REGISTER_WITH_A_LONG_NAME", "A_REGISTER_WITH_A_LONG_NAME", cnt, 32, 32);
+      add("BYTE", "BYTE", 3, 8, 32);
+      add("HALF", "HALF", 4, 16, 32);
+      add("BROKEN", "BROKEN", 5, 32, 16);
+      add("FAR", "FAR", 0x12345, 32, 32);
+      add("ALIAS", "OTHER", 6, 32, 32);
+      _device = transport.make();
+      _device->valueIs(id, 0xbeef);
+      _device->valueIs(3, 0x7b);
+      _device->valueIs(6, 0x1111);
+      _tm = _device->open(TarnRegFile::TransportMethodRegFile(model));
+      for (const std::string& name : _names) {
+         _handles[name] = _tm->regHandle(name);
+      }
+      _trace.clear();
+   }
+
+   void allOf() {
+      _helperIs(true);
+      _eachOnce();
+      _write("CTRL", 0x1234);
+      _write("CTRL", 0x1234);
+      _read("CTRL");
+      for (const std::uint32_t value : {0x12345u, 0x12345678u, 0xffffffffu}) {
+         _write("CTRL", value);
+         _clear();
+         _read("CTRL");
+         _clear();
+      }
+      _tm->raiseExceptionOnErrorIs(true);
+      _eachOnce();
+      if (_device->traits.canFail) {
+         _device->goneIs(true);
+         _eachOnce();
+         _tm->raiseExceptionOnErrorIs(false);
+         _eachOnce();
+         _clear();
+         _device->goneIs(false);
+      }
+      _tm->raiseExceptionOnErrorIs(false);
+      _eachOnce();
+      _helperIs(false);
+      _eachOnce();
+      _clear();
+      _write("CTRL", 7);
+      _device->settle();
+      lines.push_back("CTRL is " + std::to_string(_device->value(ctrl)));
+      auto journal = _device->journal();
+      if (!_device->traits.everyAccessIsSeen) {
+         std::sort(journal.begin(), journal.end()); // lines of a file, in no particular order
+      }
+      lines.insert(lines.end(), journal.begin(), journal.end());
+      _tm->handleDeletion();
+      _read("CTRL");
+      _write("CTRL", 1);
+      _device->settle();
+      lines.push_back(std::to_string(_device->journal().size()) + " lines in the journal");
+   }
+
+   std::vector<std::string> lines;
+
+private:
+   void _eachOnce() {
+      for (const std::string& name : _names) {
+         _read(name);
+         _write(name, 0x55);
+      }
+   }
+
+   void _read(const std::string& name) {
+      std::uint32_t value = 0;
+      const Failure failure(
+         [&] { value = _byHandle ? _tm->regReadByHandle(_handles[name]) : _tm->regRead(name); });
+      _note("read " + name + " " + std::to_string(value), failure);
+   }
+
+   void _write(const std::string& name, std::uint32_t value) {
+      const Failure failure([&] {
+         if (_byHandle) {
+            _tm->regWriteByHandle(_handles[name], value);
+         } else {
+            _tm->regWrite(name, value);
+         }
+      });
+      _note("write " + name + " " + std::to_string(value), failure);
+   }
+
+   void _note(const std::string& what, const Failure& failure) {
+      _device->settle();
+      std::ostringstream line;
+      line << what << ": " << failure << (_tm->errorNotifier()->error() ? ", flag" : "");
+      lines.push_back(line.str());
+      // Where the device is differs from one adapter to the next, and transactions have random
+      // numbers of one length or another.
+      static const std::regex path("/[^ ]*/[^ ]*");
+      static const std::regex size("[0-9]+ bytes");
+      for (const std::string& text : _trace.texts()) {
+         lines.push_back("   trace: " +
+                         std::regex_replace(std::regex_replace(text, path, "PATH"), size, "bytes"));
+      }
+      _trace.clear();
+      for (const std::string& result : _helper->results) {
+         lines.push_back("   helper: " + result);
+      }
+      _helper->results.clear();
+   }
+
+   void _clear() { _tm->errorNotifier()->errorIs(false); }
+
+   void _helperIs(bool installed) { _tm->asyncHelperIs(installed ? _helper : nullptr); }
+
+   const bool _byHandle;
+   Platform::Trace::CaptureScope _trace{"TarnRegFile/*=9,*=1"};
+   std::unique_ptr<TransportAdapter> _device;
+   Ptr<TransportMethod> _tm;
+   Ptr<RecordingAsyncHelper> _helper = Platform::make<RecordingAsyncHelper>();
+   std::vector<std::string> _names;
+   std::map<std::string, TarnRegFile::RegisterHandle> _handles;
+};
+
+TEST_P(TransportContract, ByHandleAllIsAsByName) {
+   device.reset(); // it may have the environment to itself
+   std::vector<std::string> byName;
+   {
+      Transcript transcript(GetParam(), false);
+      transcript.allOf();
+      byName = std::move(transcript.lines);
+   }
+   Transcript transcript(GetParam(), true);
+   transcript.allOf();
+   EXPECT_GT(byName.size(), 80u);
+   EXPECT_EQ(transcript.lines, byName);
+}
+
+TEST_P(TransportContract, AHandleIsMadeWithoutTheDevice) {
+   open();
+   const TarnRegFile::RegisterHandle handle = tm->regHandle("CNT[3]");
+   EXPECT_EQ(handle.name(), "CNT[3]");
+   EXPECT_EQ(handle.record().address, (cnt + 3) * device->traits.addressUnits);
+   EXPECT_EQ(Failure([&] { tm->regHandle("NOPE"); }),
+             Failure::generic(ENOENT, "RegisterFile does not have register 'NOPE'"));
+   device->settle();
+   EXPECT_THAT(seen(), IsEmpty());
+   EXPECT_FALSE(error());
+}
+
+TEST_P(TransportContract, AHandleThatCannotBeUsedTouchesNothing) {
+   open();
+   const auto helper = Platform::make<RecordingAsyncHelper>();
+   tm->asyncHelperIs(helper);
+   const auto other = TarnRegFile::transportMethodFactory("other");
+   other->init(TarnRegFile::mockTransportDescriptorFactory(), dir.write("list.csv", list));
+   const TarnRegFile::RegisterHandle foreign = other->regHandle("CTRL");
+   const TarnRegFile::RegisterHandle none;
+   const TarnRegFile::RegisterHandle stale = tm->regHandle("CTRL");
+   auto record = stale.record();
+   ++record.address;
+   tm->regFileHelper()->regFilePtr()->nameToRegMapIs("CTRL", record);
+   for (const auto* handle : {&foreign, &none, &stale}) {
+      EXPECT_EQ(Failure([&] { tm->regReadByHandle(*handle); }).kind, "generic error");
+      EXPECT_EQ(Failure([&] { tm->regWriteByHandle(*handle, 1); }).kind, "generic error");
+   }
+   device->settle();
+   EXPECT_THAT(seen(), IsEmpty());
+   EXPECT_THAT(helper->results, IsEmpty());
+   EXPECT_THAT(trace.texts(), IsEmpty());
+   EXPECT_FALSE(error()) << "the device is not to blame";
+   EXPECT_EQ(other->regRead("CTRL"), 0u);
 }
 
 // --- The end

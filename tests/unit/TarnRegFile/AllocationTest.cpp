@@ -120,6 +120,18 @@ TEST_F(Allocation, AWriteAfterTheFirstAllocatesNothing) {
              0u);
 }
 
+TEST_F(Allocation, AccessesByHandleAllocateNothingAfterTheFirst) {
+   const auto handle = _tm->regHandle(_name);
+   _tm->regReadByHandle(handle);
+   EXPECT_EQ(allocationsOf([&] {
+                for (std::uint32_t i = 0; i < 1000; ++i) {
+                   _tm->regWriteByHandle(handle, i);
+                   _tm->regReadByHandle(handle);
+                }
+             }),
+             0u);
+}
+
 TEST_F(Allocation, AMappedDevicesAccessesAllocateNothingGuardedOrNot) {
    TestSupport::RegisterSpace space(8192);
    const auto access = Hardware::pciHwAccessImplFactory("fpga", space.path());

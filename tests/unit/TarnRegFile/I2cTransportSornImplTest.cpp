@@ -639,4 +639,58 @@ TEST(I2cTransportSornImplProcessDeathTest, AProcessMayEndWithoutTakingAnythingAp
    });
 }
 
+// --- By handle
+
+TEST_F(I2cTransportSornImplTest, ByHandleAllIsAsByName) {
+   std::vector<std::vector<std::string>> seen;
+   for (const bool byHandle : {false, true}) {
+      helper->results.clear();
+      gate->registers[0x1234] = 0xdeadbeef;
+      const std::size_t linesBefore = gate->lines().size();
+      open();
+      Platform::Trace::CaptureScope trace("*=1");
+      std::vector<std::string> lines;
+      std::size_t submitted = 0;
+      for (const std::string name : {"WIDE", "HALF", "BYTE", "THREE", "FAR", "BROKEN"}) {
+         const auto handle = method->regHandle(name);
+         lines.push_back(
+            std::to_string(byHandle ? method->regReadByHandle(handle) : method->regRead(name)));
+         if (byHandle) {
+            method->regWriteByHandle(handle, 0x01020304);
+         } else {
+            method->regWrite(name, 0x01020304);
+         }
+         lines.push_back(std::to_string(inFlight()) + " in flight");
+         submitted += name == "BROKEN" ? 0 : 2;
+         // A flag that is set has the helper told at once.
+         lines.push_back(method->errorNotifier()->error() ? "flag" : "no flag");
+         method->errorNotifier()->errorIs(false);
+      }
+      EXPECT_TRUE(until([&] { return inFlight() == 0; }));
+      const auto texts = trace.texts();
+      lines.insert(lines.end(), texts.begin(), texts.end());
+      const auto& results = helper->results;
+      EXPECT_THAT(results, SizeIs(submitted + 2));
+      lines.insert(lines.end(), results.begin(), results.end());
+      const auto wire = gate->lines();
+      lines.insert(lines.end(), wire.begin() + static_cast<std::ptrdiff_t>(linesBefore),
+                   wire.end());
+      seen.push_back(lines);
+   }
+   EXPECT_EQ(seen[1], seen[0]);
+}
+
+TEST_F(I2cTransportSornImplTest, AHandleThatCannotBeUsedSubmitsNothing) {
+   open();
+   const auto first = method->regHandle("WIDE");
+   open();
+   EXPECT_EQ(Failure([&] { method->regReadByHandle(first); }).code, EINVAL);
+   const auto stale = method->regHandle("WIDE");
+   registerIs("WIDE", 0x1240, 32);
+   EXPECT_EQ(Failure([&] { method->regWriteByHandle(stale, 1); }).code, ESTALE);
+   EXPECT_EQ(inFlight(), 0u);
+   EXPECT_THAT(helper->results, IsEmpty());
+   EXPECT_FALSE(method->errorNotifier()->error());
+}
+
 } // namespace

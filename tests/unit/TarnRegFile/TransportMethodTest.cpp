@@ -1072,4 +1072,158 @@ TEST_F(TransportMethodTest, AFailureOutsideOfAnAccessIsRecordedToo) {
                                      "TransportMethod exception caught, Notifying agent: chip"}));
 }
 
+// --- By handle
+
+TEST_F(TransportMethodTest, AHandleAccessesItsRegister) {
+   _tm->init(mockTransportDescriptorFactory(), _csv);
+   const auto a = _tm->regHandle("A");
+   EXPECT_EQ(a.name(), "A");
+   EXPECT_EQ(a.record(), _tm->regFileHelper()->findRegisterByName("A"));
+   _tm->regWriteByHandle(a, 21);
+   EXPECT_EQ(_tm->regRead("A"), 21u);
+   _tm->regWrite("A", 22);
+   EXPECT_EQ(_tm->regReadByHandle(a), 22u);
+   const auto copy = a;
+   EXPECT_EQ(_tm->regReadByHandle(copy), 22u);
+}
+
+TEST_F(TransportMethodTest, WithoutATransportThereAreNoHandles) {
+   const Failure refused = Failure::generic(ENODEV, notInitialised);
+   EXPECT_EQ(Failure([&] { _tm->regHandle("A"); }), refused);
+   _tm->init(mockTransportDescriptorFactory(), _csv);
+   const auto handle = _tm->regHandle("A");
+   _tm->handleDeletion();
+   EXPECT_EQ(Failure([&] { _tm->regHandle("A"); }), refused);
+   EXPECT_EQ(Failure([&] { _tm->regReadByHandle(handle); }), refused);
+   EXPECT_EQ(Failure([&] { _tm->regWriteByHandle(handle, 1); }), refused);
+}
+
+TEST_F(TransportMethodTest, AHandleIsGoodForTheTransportItWasMadeWith) {
+   const Failure foreign =
+      Failure::generic(EINVAL, "Handle of register 'A' is not of this TransportMethod's transport");
+   _tm->init(mockTransportDescriptorFactory(), _csv);
+   const auto handle = _tm->regHandle("A");
+   const auto other = transportMethodFactory("chip");
+   other->init(mockTransportDescriptorFactory(), _csv);
+   EXPECT_EQ(Failure([&] { other->regReadByHandle(handle); }), foreign);
+   EXPECT_EQ(Failure([&] { other->regWriteByHandle(handle, 1); }), foreign);
+   EXPECT_EQ(Failure([&] { _tm->regReadByHandle({}); }),
+             Failure::generic(EINVAL, "Handle is of no register"));
+   EXPECT_EQ(Failure([&] { _tm->regWriteByHandle({}, 1); }),
+             Failure::generic(EINVAL, "Handle is of no register"));
+   _tm->handleDeletion();
+   _tm->init(mockTransportDescriptorFactory(), _csv);
+   EXPECT_EQ(Failure([&] { _tm->regReadByHandle(handle); }), foreign);
+   EXPECT_EQ(_tm->regRead("A"), 0u);
+   EXPECT_EQ(Failure([&] { _tm->regReadByHandle(_tm->regHandle("A")); }), Failure::none());
+   EXPECT_FALSE(_tm->errorNotifier()->error());
+}
+
+TEST_F(TransportMethodTest, AHandleOutlivesItsTransportMethodWithoutHarm) {
+   TarnRegFile::RegisterHandle handle;
+   {
+      const auto gone = transportMethodFactory("gone");
+      gone->init(mockTransportDescriptorFactory(), _csv);
+      handle = gone->regHandle("A");
+   }
+   _tm->init(mockTransportDescriptorFactory(), _csv);
+   EXPECT_EQ(Failure([&] { _tm->regReadByHandle(handle); }).code, EINVAL);
+   EXPECT_EQ(handle.name(), "A");
+}
+
+TEST_F(TransportMethodTest, AListThatIsChangedElsewhereLeavesAHandleGood) {
+   const auto list = model();
+   const auto journal = std::make_shared<Journal>();
+   _tm->fullInit(mockTransportDescriptorFactory(), TransportMethodRegFile(list));
+   _tm->handleDeletion();
+   _tm->implPtrIs(new FakeTransport(list, journal));
+   const auto handle = _tm->regHandle("A");
+   for (std::uint32_t i = 0; i < 1000; ++i) {
+      const auto record = reg("NEW" + std::to_string(i), 100 + i);
+      list->nameToRegMapIs(record.name, record);
+      _tm->regReadByHandle(handle);
+   }
+   EXPECT_THAT(*journal, testing::SizeIs(1000));
+   EXPECT_THAT(*journal, testing::Each("read A"));
+   // Another list, and the same register.
+   _tm->regFileHelper()->init("", 1, model());
+   EXPECT_EQ(Failure([&] { _tm->regReadByHandle(handle); }), Failure::none());
+   EXPECT_THAT(*journal, testing::SizeIs(1001));
+   EXPECT_FALSE(_tm->errorNotifier()->error());
+}
+
+TEST_F(TransportMethodTest, ARegisterThatIsChangedOrGoneMakesItsHandleStale) {
+   const Failure stale = Failure::generic(
+      ESTALE, "Register 'A' has changed in the register list since its handle was made");
+   const auto list = model();
+   const auto journal = std::make_shared<Journal>();
+   _tm->fullInit(mockTransportDescriptorFactory(), TransportMethodRegFile(list));
+   _tm->handleDeletion();
+   _tm->implPtrIs(new FakeTransport(list, journal));
+   const auto a = _tm->regHandle("A");
+   const auto b = _tm->regHandle("B");
+   list->nameToRegMapIs("A", reg("A", 5));
+   EXPECT_EQ(Failure([&] { _tm->regReadByHandle(a); }), stale);
+   EXPECT_EQ(Failure([&] { _tm->regWriteByHandle(a, 1); }), stale);
+   EXPECT_EQ(Failure([&] { _tm->regReadByHandle(b); }), Failure::none());
+   EXPECT_EQ(Failure([&] { _tm->regReadByHandle(a); }), stale) << "also after another was good";
+   EXPECT_THAT(*journal, ElementsAre("read B"));
+   // As it was: good again.
+   list->nameToRegMapIs("A", reg("A", 4));
+   EXPECT_EQ(Failure([&] { _tm->regReadByHandle(a); }), Failure::none());
+   const auto without = hardwareRegisterFileFactory("without");
+   without->nameToRegMapIs("B", reg("B", 8, 3));
+   _tm->regFileHelper()->init("", 1, without);
+   EXPECT_EQ(Failure([&] { _tm->regReadByHandle(a); }), stale);
+   EXPECT_FALSE(_tm->errorNotifier()->error());
+   EXPECT_THAT(*journal, ElementsAre("read B", "read A"));
+}
+
+TEST_F(TransportMethodTest, ByHandleASubclassIsAskedByName) {
+   class Doubling : public TransportMethod {
+   public:
+      using TransportMethod::TransportMethod;
+      std::uint32_t regRead(const TarnRegFile::String& regName) override {
+         return 2 * TransportMethod::regRead(regName);
+      }
+      void regWrite(const TarnRegFile::String& regName, std::uint32_t value) override {
+         TransportMethod::regWrite(regName, value + 1);
+      }
+   };
+   Ptr<TransportMethod> tm = Platform::make<Doubling>("chip");
+   tm->init(mockTransportDescriptorFactory(), _csv);
+   const auto handle = tm->regHandle("A");
+   tm->regWriteByHandle(handle, 20);
+   EXPECT_EQ(tm->regReadByHandle(handle), 42u);
+}
+
+TEST_F(TransportMethodTest, ByHandleATransportOfSomebodyElsesIsAskedByName) {
+   class Shouting : public TarnRegFile::MockTransportMethodImpl {
+   public:
+      using MockTransportMethodImpl::MockTransportMethodImpl;
+      std::uint32_t regRead(const char*) override { return 1234; }
+   };
+   _tm->init(mockTransportDescriptorFactory(), _csv);
+   _tm->handleDeletion();
+   _tm->implPtrIs(new Shouting(_csv.c_str(), nullptr));
+   EXPECT_EQ(_tm->regReadByHandle(_tm->regHandle("A")), 1234u) << "derived from one of ours";
+   _tm->handleDeletion();
+   const auto journal = std::make_shared<Journal>();
+   _tm->implPtrIs(new FakeTransport(model(), journal));
+   _tm->regWriteByHandle(_tm->regHandle("A"), 7);
+   EXPECT_THAT(*journal, ElementsAre("write A 7"));
+}
+
+TEST_F(TransportMethodTest, AnObserverMayLetTheTransportGoDuringAnAccessByHandle) {
+   _tm->init(mockTransportDescriptorFactory(), _csv);
+   const auto helper = Platform::make<RecordingAsyncHelper>();
+   _tm->asyncHelperIs(helper);
+   const auto handle = _tm->regHandle("A");
+   helper->onResult = [&] { _tm->handleDeletion(); };
+   EXPECT_EQ(_tm->regReadByHandle(handle), 0u);
+   EXPECT_THAT(helper->results, ElementsAre("read A Success 0"));
+   EXPECT_EQ(Failure([&] { _tm->regReadByHandle(handle); }),
+             Failure::generic(ENODEV, notInitialised));
+}
+
 } // namespace

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <map>
+#include <utility>
 
 #include "platform/entity/TypeData.h"
 #include "platform/entity/Value.h"
@@ -284,6 +285,25 @@ TEST(HardwareRegisterFile, AnswersThroughReflection) {
    EXPECT_EQ(type.keys(*model, "nameToRegMap").size(), 1u);
    Platform::Reflect::set(*model, "addrBlockSize", Value::of(std::uint8_t{4}));
    EXPECT_EQ(model->addrBlockSize(), 4);
+}
+
+TEST(HardwareRegisterFile, TheVersionIsAnotherOneAfterEachChangeOfARecord) {
+   const auto model = hardwareRegisterFileFactory("model");
+   std::uint64_t last = model->version();
+   const auto changed = [&] {
+      const std::uint64_t before = std::exchange(last, model->version());
+      return last != before;
+   };
+   model->nameToRegMapIs("A", reg("A", 1));
+   EXPECT_TRUE(changed());
+   model->nameToRegMapIs("A", reg("A", 1));
+   EXPECT_FALSE(changed()) << "nothing has changed";
+   model->nameToRegMapIs("A", reg("A", 2));
+   EXPECT_TRUE(changed());
+   model->nameToRegMapIs("A", reg("OTHER", 2));
+   EXPECT_TRUE(changed());
+   model->addrToNameMapIs(2, "A");
+   EXPECT_FALSE(changed()) << "no record has changed";
 }
 
 } // namespace

@@ -1,0 +1,7 @@
+#include "TarnRegFile/HandleAccess.h"
+
+namespace TarnRegFile {
+
+HandleAccess::~HandleAccess() = default;
+
+} // namespace TarnRegFile
