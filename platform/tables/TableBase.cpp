@@ -5,11 +5,11 @@
 #include <string>
 #include <utility>
 
-#include <absl/container/flat_hash_set.h>
 #include <fmt/format.h>
 
 #include "platform/entity/Errors.h"
 #include "platform/tables/CollectionControl.h"
+#include "platform/tables/private/KnownKeys.h"
 #include "platform/tables/private/SharedWords.h"
 #include "platform/tables/TableService.h"
 #include "platform/trace/Trace.h"
@@ -29,26 +29,25 @@ std::span<const std::uint8_t> bytesOf(const std::vector<Word>& words, std::size_
    return {reinterpret_cast<const std::uint8_t*>(words.data()), size};
 }
 
-std::string textOf(std::span<const std::uint8_t> bytes) {
-   return std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-}
-
 } // namespace
 
 /// Tells the table what other mounts change. Kept alive while it does, as whoever is told may
 /// unmount, or destroy, the table.
 ///
 /// The journal names what has changed, up to its length. Whoever is behind by more looks through
-/// the whole table; what is not in it any more could then not be told, were there no list of the
-/// keys that there were.
+/// the whole table, and tells what is not as it was: the keys that there were, and the stamps that
+/// their records had, are kept for that. So a writer that is always ahead by more than the journal
+/// costs a look through the table from time to time, and never has anything told twice.
 class TableBase::Changes : public std::enable_shared_from_this<TableBase::Changes> {
 public:
    Changes(TableBase& table, TableService& service)
-      : _table(&table), _key(table._mount->keyWords()), _record(table._mount->recordWords()),
+      : known(table._shape.keySize), _table(&table), _key(table._mount->keyWords()),
+        _record(table._mount->recordWords()),
         _watch(std::make_unique<TableService::Watch>(service, *table._mount,
                                                      [this](bool closed) { _told(closed); })) {
-      for (std::uint32_t position = 0; table._mount->next(position, _key, _record);) {
-         known.insert(textOf(_keyBytes()));
+      TableMount::Stamp stamp;
+      for (std::uint32_t position = 0; table._mount->next(position, _key, _record, stamp);) {
+         known.set(_keyBytes(), stamp);
       }
       // Whatever came since the mount, and to be woken at what comes.
       _watch->callSoon();
@@ -59,7 +58,7 @@ public:
       _watch.reset();
    }
 
-   absl::flat_hash_set<std::string> known;
+   KnownKeys known;
 
 private:
    std::span<const std::uint8_t> _keyBytes() const { return bytesOf(_key, _table->_shape.keySize); }
@@ -90,9 +89,8 @@ private:
    bool _tellSome() {
       for (unsigned told = 0; _table && told < turn; ++told) {
          if (!_pending.empty()) {
-            const std::string key = std::move(_pending.back());
-            _pending.pop_back();
-            _table->changed({reinterpret_cast<const std::uint8_t*>(key.data()), key.size()});
+            const KnownKeys::Key key = _pending.next();
+            _table->changed(key.bytes());
             continue;
          }
          switch (_table->_mount->nextChange(_key)) {
@@ -116,28 +114,30 @@ private:
    }
 
    void _tell() {
-      if (_table->_mount->get(_keyBytes(), _record)) {
-         known.insert(textOf(_keyBytes()));
+      // Before it is told: whoever is told then sees that write or a later one.
+      TableMount::Stamp stamp;
+      if (_table->_mount->get(_keyBytes(), _record, stamp)) {
+         known.set(_keyBytes(), stamp);
       } else {
-         known.erase(textOf(_keyBytes()));
+         known.erase(_keyBytes());
       }
       const std::vector<Word> key = _key; // the next one may come while this one is told
       _table->changed(bytesOf(key, _table->_shape.keySize));
    }
 
    void _lookThroughAll() {
-      absl::flat_hash_set<std::string> before = std::exchange(known, {});
-      for (std::uint32_t position = 0; _table->_mount->next(position, _key, _record);) {
-         known.insert(textOf(_keyBytes()));
+      KnownKeys::Update update(known);
+      TableMount::Stamp stamp;
+      for (std::uint32_t position = 0; _table->_mount->next(position, _key, _record, stamp);) {
+         update.found(_keyBytes(), stamp);
       }
-      before.insert(known.begin(), known.end());
-      _pending.assign(before.begin(), before.end());
+      _pending = update.changed();
    }
 
    TableBase* _table;
    std::vector<Word> _key;
    std::vector<Word> _record;
-   std::vector<std::string> _pending; // keys still to be told of, after changes were missed
+   KnownKeys::List _pending; // keys still to be told of, after changes were missed
    std::unique_ptr<TableService::Watch> _watch;
    bool _closed = false; // a writer has, and may have died
 };
@@ -232,7 +232,8 @@ TableMount& TableBase::_mounted() {
 
 void TableBase::_put(std::span<const std::uint8_t> key, std::span<const std::uint8_t> record) {
    if (_mounted().put(key, record) && _changes) {
-      _changes->known.insert(textOf(key));
+      // What others did under this key before is still to be told, should it be missed.
+      _changes->known.set(key, {});
    }
 }
 
@@ -240,7 +241,7 @@ std::optional<std::size_t> TableBase::_del(std::span<const std::uint8_t> key,
                                            std::span<std::uint64_t> record) {
    const std::optional<std::size_t> size = _mounted().del(key, record);
    if (size && _changes) {
-      _changes->known.erase(textOf(key));
+      _changes->known.erase(key);
    }
    return size;
 }

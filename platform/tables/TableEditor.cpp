@@ -234,7 +234,7 @@ void TableEditor::_indexEntryDel(const Index& index, Word position) noexcept {
    }
 }
 
-Finding TableEditor::_prepareChange(const Key& key, Word& number) noexcept {
+TARN_TABLES_INLINE Finding TableEditor::_prepareChange(const Key& key, Word& number) noexcept {
    if (!control(Control::journalHead, number)) {
       return Finding::corrupted(badCounters);
    }
@@ -249,7 +249,7 @@ Finding TableEditor::_prepareChange(const Key& key, Word& number) noexcept {
    return {};
 }
 
-void TableEditor::_publishChange(Word number) noexcept {
+inline void TableEditor::_publishChange(Word number) noexcept {
    _controlIs(Control::journalHead, number + 1);
    _published = number + 1;
 }

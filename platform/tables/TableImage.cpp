@@ -63,8 +63,8 @@ Finding TableImage::_mismatch(const Place& place) const noexcept {
    return Finding::corrupted("a record fails its check, in slot", place.slot);
 }
 
-Finding TableImage::_probe(const Key& key, Word* record, Place& place,
-                           Content content) const noexcept {
+TARN_TABLES_INLINE Finding TableImage::_probe(const Key& key, Word* record, Place& place,
+                                              Content content) const noexcept {
    const Index& index = _knownIndex;
    const Word tag = tagOf(key.hash);
    Word position = key.hash & index.mask;

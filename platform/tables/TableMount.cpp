@@ -102,6 +102,11 @@ private:
 
 constexpr std::uint32_t lastOwnBit = 62;
 
+// A slot is never another one, and its state changes with each write.
+TableMount::Stamp stampOf(const TableImage::Place& place) noexcept {
+   return {place.meta, place.slot};
+}
+
 /// Copies bytes to words, the last of which is filled up with zeros.
 void padded(std::span<const std::uint8_t> bytes, Word* words) noexcept {
    // The sizes that keys and register records have, without a call.
@@ -163,11 +168,11 @@ public:
       }
    }
 
-   std::optional<std::size_t> get(std::span<const std::uint8_t> key, std::span<Word> record) const {
+   std::optional<std::size_t> get(std::span<const std::uint8_t> key, std::span<Word> record,
+                                  TableImage::Place& place) const {
       _checkBuffer(record);
       Word words[wordsFor(256)];
       const TableImage::Key wanted = _key(key, words);
-      TableImage::Place place;
       const Finding finding =
          _image.find(wanted, record.data(), place, TableImage::Content::copied);
       _checkNotLost();
@@ -219,10 +224,9 @@ public:
    }
 
    std::optional<std::size_t> next(std::uint32_t& position, std::span<Word> key,
-                                   std::span<Word> record) const {
+                                   std::span<Word> record, TableImage::Place& place) const {
       _checkBuffer(record);
       _checkKeyBuffer(key);
-      TableImage::Place place;
       std::uint32_t slot = position;
       const Finding finding = _image.next(slot, key.data(), record.data(), place);
       _checkNotLost();
@@ -330,7 +334,7 @@ private:
       }
    }
 
-   TableImage::Key _key(std::span<const std::uint8_t> key, Word* words) const {
+   TARN_TABLES_INLINE TableImage::Key _key(std::span<const std::uint8_t> key, Word* words) const {
       if (key.size() != _geometry.keySize) [[unlikely]] {
          throwError(EINVAL, fmt::format(badKey, _name, key.size(), _geometry.keySize));
       }
@@ -517,7 +521,16 @@ std::size_t TableMount::keyWords() const noexcept {
 
 std::optional<std::size_t> TableMount::get(std::span<const std::uint8_t> key,
                                            std::span<std::uint64_t> record) const {
-   return _impl->get(key, record);
+   TableImage::Place place;
+   return _impl->get(key, record, place);
+}
+
+std::optional<std::size_t> TableMount::get(std::span<const std::uint8_t> key,
+                                           std::span<std::uint64_t> record, Stamp& stamp) const {
+   TableImage::Place place;
+   const std::optional<std::size_t> size = _impl->get(key, record, place);
+   stamp = size ? stampOf(place) : stamp;
+   return size;
 }
 
 bool TableMount::put(std::span<const std::uint8_t> key, std::span<const std::uint8_t> record) {
@@ -539,7 +552,16 @@ std::size_t TableMount::count() const {
 
 std::optional<std::size_t> TableMount::next(std::uint32_t& position, std::span<std::uint64_t> key,
                                             std::span<std::uint64_t> record) const {
-   return _impl->next(position, key, record);
+   TableImage::Place place;
+   return _impl->next(position, key, record, place);
+}
+
+std::optional<std::size_t> TableMount::next(std::uint32_t& position, std::span<std::uint64_t> key,
+                                            std::span<std::uint64_t> record, Stamp& stamp) const {
+   TableImage::Place place;
+   const std::optional<std::size_t> size = _impl->next(position, key, record, place);
+   stamp = size ? stampOf(place) : stamp;
+   return size;
 }
 
 TableMount::Change TableMount::nextChange(std::span<std::uint64_t> key) {

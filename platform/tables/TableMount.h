@@ -73,11 +73,24 @@ public:
    std::size_t recordWords() const noexcept;
    std::size_t keyWords() const noexcept;
 
+   /// Which write of which record: two that are equal are of one write, and of one key. (But for
+   /// one whose record has been written 2^30 times in between, or a multiple of that.)
+   struct Stamp {
+      std::uint64_t state = 0; ///< 0 is no record's
+      std::uint32_t slot = 0;
+
+      friend bool operator==(const Stamp&, const Stamp&) = default;
+   };
+
    /// Finds a record. Copies its bytes to `record` and returns how many there are; none if no
    /// record has the key. Keys are as long as the table says, else std::system_error EINVAL
    /// (generic).
    std::optional<std::size_t> get(std::span<const std::uint8_t> key,
                                   std::span<std::uint64_t> record) const;
+
+   /// The same, with the stamp of the write that made the record so; unchanged if there is none.
+   std::optional<std::size_t> get(std::span<const std::uint8_t> key,
+                                  std::span<std::uint64_t> record, Stamp& stamp) const;
 
    /// Inserts or replaces a record of 0 to recordSize bytes, more are EINVAL (generic). Returns
    /// whether the key is new. Throws also std::system_error ENOBUFS (generic) when the table is
@@ -102,6 +115,8 @@ public:
    /// meanwhile may be seen or not, each record being whole.
    std::optional<std::size_t> next(std::uint32_t& position, std::span<std::uint64_t> key,
                                    std::span<std::uint64_t> record) const;
+   std::optional<std::size_t> next(std::uint32_t& position, std::span<std::uint64_t> key,
+                                   std::span<std::uint64_t> record, Stamp& stamp) const;
 
    /// What happened since the last call, by other mounts.
    enum class Change {

@@ -56,7 +56,7 @@ inline Word hashOf(const void* bytes, std::size_t size) noexcept {
 
 /// Of `size` bytes in words that are padded with zeros and not in shared memory. Keys and short
 /// records take less than setting up the large hash would.
-inline Word hashOfWords(const Word* words, std::size_t size) noexcept {
+TARN_TABLES_INLINE Word hashOfWords(const Word* words, std::size_t size) noexcept {
    if (size > 64) {
       return hashOf(words, size);
    }

@@ -7,6 +7,10 @@
 
 /// How memory that another process may change at any moment is touched: by relaxed atomic words,
 /// never through ordinary objects. The fences around them are the algorithms' business.
+// Of functions of a few instructions on the way of every get and put, which the compiler would call
+// where they are used more than once.
+#define TARN_TABLES_INLINE [[gnu::always_inline]] inline
+
 namespace Platform::Tables {
 
 using Word = std::uint64_t;

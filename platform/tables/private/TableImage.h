@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "platform/tables/private/Finding.h"
@@ -32,7 +33,11 @@ class TableImage {
 public:
    /// `base` is the file's first byte in memory.
    TableImage(const std::uint8_t* base, const Geometry& geometry, Word tableId) noexcept
-      : _shape(geometry), _id(tableId), _base(base) {}
+      : _shape(geometry), _id(tableId), _base(base) {
+      for (unsigned control = 0; control < controls; ++control) {
+         _controlSalts[control] = mixed(_id + control + 1);
+      }
+   }
 
    /// The words of the control page that are sealed, in the order of their places.
    enum class Control : unsigned {
@@ -46,6 +51,7 @@ public:
       reserved,
       journalHead, ///< Changes published so far. On a cache line of its own: readers poll it.
    };
+   static constexpr unsigned controls = 9;
 
    /// A key as it is looked for.
    struct Key {
@@ -64,7 +70,7 @@ public:
    /// Whether a record's bytes are copied (and so checked) or only its place is wanted.
    enum class Content { copied, skipped };
 
-   Word keyHash(const Word* words) const noexcept {
+   TARN_TABLES_INLINE Word keyHash(const Word* words) const noexcept {
       return mixed(hashOfWords(words, _shape.keySize) ^ _id);
    }
 
@@ -151,8 +157,8 @@ protected:
 
    /// Of a record's bytes, as words padded with zeros, in a buffer that the stored `meta` makes
    /// valid.
-   Word _contentCheck(std::uint32_t slot, Word meta, Word hashOfKey, const Word* record,
-                      std::uint32_t length) const noexcept {
+   TARN_TABLES_INLINE Word _contentCheck(std::uint32_t slot, Word meta, Word hashOfKey,
+                                         const Word* record, std::uint32_t length) const noexcept {
       const Word owner = (meta ^ _slotSalt(slot)) * 0xFF51AFD7ED558CCDU + hashOfKey;
       return mixed(hashOfWords(record, length) ^ owner);
    }
@@ -161,7 +167,7 @@ protected:
    }
 
    Word _controlSalt(Control control) const noexcept {
-      return mixed(_id + static_cast<Word>(control) + 1);
+      return _controlSalts[static_cast<unsigned>(control)];
    }
    Word _slotSalt(std::uint32_t slot) const noexcept { return _id + slot * 0xC2B2AE3D27D4EB4FU; }
    Word _linkSalt(std::uint32_t slot) const noexcept { return ~_slotSalt(slot); }
@@ -190,6 +196,7 @@ protected:
 
 private:
    const std::uint8_t* const _base;
+   std::array<Word, controls> _controlSalts; // computed once, as every write needs several
    // What the descriptor said when it was last looked at; a mount is used by one thread.
    mutable Word _knownDescriptor = 0;
    mutable Index _knownIndex = {};

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <random>
 
 #include "tests/unit/platform/tables/TableFixture.h"
@@ -378,6 +379,44 @@ TEST_F(TableMountTest, AuditTellsTheFigures) {
    EXPECT_EQ(audit.recoveries, 0U);
    EXPECT_GT(audit.bytes, 4096U);
    EXPECT_EQ(audit.problems, std::vector<std::string>());
+}
+
+TEST_F(TableMountTest, AStampIsOfOneWriteOfOneRecord) {
+   TableMount writing(directory, "table", writer());
+   const TableMount reading(directory, "table", reader());
+   Words record(reading.recordWords());
+   const auto stampOf = [&](std::uint32_t key) {
+      TableMount::Stamp stamp;
+      reading.get(bytes(key), record, stamp);
+      return stamp;
+   };
+   EXPECT_EQ(stampOf(7), TableMount::Stamp()) << "there is none";
+   std::vector<TableMount::Stamp> seen;
+   const auto isNew = [&](const TableMount::Stamp& stamp) {
+      const bool is = std::find(seen.begin(), seen.end(), stamp) == seen.end();
+      seen.push_back(stamp);
+      return is && stamp != TableMount::Stamp();
+   };
+   for (int i = 0; i < 3; ++i) {
+      for (const std::uint32_t key : {7U, 8U}) {
+         writing.put(bytes(key), bytes(1));
+         EXPECT_TRUE(isNew(stampOf(key)));
+         writing.put(bytes(key), bytes(1));
+         EXPECT_TRUE(isNew(stampOf(key))) << "the same record, written again";
+         EXPECT_EQ(stampOf(key), seen.back()) << "until the next write";
+      }
+      // Their slots are used again.
+      del(writing, 7);
+      del(writing, 8);
+   }
+   writing.put(bytes(7), bytes(1));
+   Words key(reading.keyWords());
+   std::uint32_t position = 0;
+   TableMount::Stamp stamp;
+   ASSERT_TRUE(reading.next(position, key, record, stamp));
+   EXPECT_EQ(stamp, stampOf(7));
+   EXPECT_FALSE(reading.next(position, key, record, stamp));
+   EXPECT_EQ(stamp, stampOf(7)) << "nothing found, nothing changed";
 }
 
 } // namespace

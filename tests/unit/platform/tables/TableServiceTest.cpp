@@ -116,7 +116,7 @@ TEST_F(Service, TellsNothingOfWhatWasThereBefore) {
    EXPECT_TRUE(reader.table->has({1}));
 }
 
-TEST_F(Service, TellsEveryKeyAfterMoreThanTheJournalRemembersAlsoTheRemoved) {
+TEST_F(Service, TellsAllThatChangedAfterMoreThanTheJournalRemembersAlsoTheRemoved) {
    writer.table->mount(service, writes());
    for (std::uint32_t key = 0; key < 50; ++key) {
       writer.table->put(record(key));
@@ -126,18 +126,77 @@ TEST_F(Service, TellsEveryKeyAfterMoreThanTheJournalRemembersAlsoTheRemoved) {
    for (std::uint32_t key = 0; key < 20; ++key) {
       writer.table->del({key});
    }
+   writer.table->put(record(30, 1));
+   writer.table->put(record(31)); // as it was, and written all the same
    for (std::uint32_t key = 1000; key < 6000; ++key) {
       writer.table->put(record(key));
    }
-   EXPECT_TRUE(runUntil([&] { return reader.told.size() >= 5050; }));
+   EXPECT_TRUE(runUntil([&] { return reader.told.size() >= 5022; }));
    settle(reader);
    const std::set<std::uint32_t> told(reader.told.begin(), reader.told.end());
    EXPECT_EQ(told.size(), reader.told.size());
-   EXPECT_EQ(told.size(), 50U + 5000U);
+   EXPECT_EQ(told.size(), 20U + 2U + 5000U);
    EXPECT_TRUE(told.contains(7));
+   EXPECT_TRUE(told.contains(30));
+   EXPECT_TRUE(told.contains(31));
+   EXPECT_FALSE(told.contains(32)) << "nobody has written it";
    EXPECT_FALSE(told.contains(500));
    EXPECT_TRUE(told.contains(5999));
    EXPECT_EQ(reader.table->size(), 5031U);
+}
+
+TEST_F(Service, WhoIsAlwaysBehindIsToldOfEachKeyButOnce) {
+   writer.table->mount(service, writes());
+   for (std::uint32_t key = 0; key < 20000; ++key) {
+      writer.table->put(record(key));
+   }
+   reader.table->mount(service, {});
+   loop.poll();
+   // Whenever it has been told of some, the writer has gone further than the journal reaches.
+   std::uint32_t next = 0;
+   const auto write = [&] {
+      for (unsigned i = 0; i < 5000 && next < 20000; ++i) {
+         writer.table->put(record(next++, 1));
+      }
+   };
+   write();
+   reader.onChange = [&](std::uint32_t) {
+      if (reader.told.size() % 1000 == 0) {
+         write();
+      }
+   };
+   EXPECT_TRUE(runUntil([&] { return reader.told.size() >= 20000; }));
+   settle(reader);
+   const std::set<std::uint32_t> told(reader.told.begin(), reader.told.end());
+   EXPECT_EQ(told.size(), 20000U);
+   EXPECT_EQ(reader.told.size(), 20000U) << "none was told twice";
+}
+
+TEST_F(Service, WhatOthersDidBeforeAnOwnWriteIsToldAlsoIfItWasMissed) {
+   writer.table->mount(service, writes());
+   for (std::uint32_t key = 0; key < 10; ++key) {
+      writer.table->put(record(key));
+   }
+   reader.table->mount(service, writes());
+   loop.poll();
+   writer.table->put(record(1, 1));
+   reader.table->put(record(1, 2));
+   writer.table->del({2});
+   reader.table->put(record(2));
+   writer.table->put(record(3, 1));
+   reader.table->del({3});
+   reader.table->put(record(3, 2));
+   for (unsigned i = 0; i < 5000; ++i) {
+      writer.table->put(record(7, i));
+   }
+   settle(reader);
+   const std::set<std::uint32_t> told(reader.told.begin(), reader.told.end());
+   for (const std::uint32_t key : {1U, 2U, 3U, 7U}) {
+      EXPECT_TRUE(told.contains(key)) << key;
+   }
+   for (const std::uint32_t key : {0U, 4U, 5U, 6U, 8U, 9U}) {
+      EXPECT_FALSE(told.contains(key)) << key;
+   }
 }
 
 TEST_F(Service, TellsAWriterOfManyRecordsOnlyWhatOthersChanged) {
