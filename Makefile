@@ -107,10 +107,10 @@ soak: ## Run board, daemon, agent and clients together, with faults and kills, f
 	cmake --build --preset release --target tarnreg tarnsim nimbod tarn-shadowd
 	python3 -B tests/soak/soak.py --bin build/release/bin --minutes $(MINUTES)
 
-bench: ## Build what is shipped; print each figure beside its baseline and its target
+bench: ## Build what is shipped; print each figure beside its baseline and target (BENCH=--instructions)
 	cmake --preset release
-	cmake --build --preset release --target bench/all tarnsim
-	scripts/bench-table build/release
+	cmake --build --preset release --target bench/all tarnreg tarnsim nimbod tarn-shadowd
+	scripts/bench-table build/release $(BENCH)
 
 format: ## Format all sources
 	scripts/check-format --fix

@@ -23,21 +23,22 @@ namespace {
 constexpr std::uint32_t registers = 1000;
 constexpr std::size_t bytes = registers * sizeof(std::uint32_t);
 
-/// A register space of 1,000 registers, in memory.
+/// A register space, in memory.
 class Space {
 public:
-   Space() : _fd(::memfd_create("bench", MFD_CLOEXEC)) {
-      if (_fd < 0 || ::ftruncate(_fd, bytes) != 0) {
+   explicit Space(std::uint32_t count = registers)
+      : _bytes(count * sizeof(std::uint32_t)), _fd(::memfd_create("bench", MFD_CLOEXEC)) {
+      if (_fd < 0 || ::ftruncate(_fd, static_cast<off_t>(_bytes)) != 0) {
          std::abort();
       }
       _words = static_cast<volatile std::uint32_t*>(
-         ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, _fd, 0));
+         ::mmap(nullptr, _bytes, PROT_READ | PROT_WRITE, MAP_SHARED, _fd, 0));
       if (_words == MAP_FAILED) {
          std::abort();
       }
    }
    ~Space() {
-      ::munmap(const_cast<std::uint32_t*>(_words), bytes);
+      ::munmap(const_cast<std::uint32_t*>(_words), _bytes);
       ::close(_fd);
    }
    Space(const Space&) = delete;
@@ -47,6 +48,7 @@ public:
    volatile std::uint32_t* words() const { return _words; }
 
 private:
+   const std::size_t _bytes;
    const int _fd;
    volatile std::uint32_t* _words;
 };
@@ -54,10 +56,10 @@ private:
 /// The space as a device, and its register names.
 class Device {
 public:
-   explicit Device(bool guarded) {
+   explicit Device(bool guarded, std::uint32_t count = registers) : _space(count) {
       const auto model = Hardware::hardwareRegisterFileFactory("bench");
       model->addrBlockSizeIs(4);
-      for (std::uint32_t i = 0; i < registers; ++i) {
+      for (std::uint32_t i = 0; i < count; ++i) {
          Hardware::HardwareRegister record;
          record.name = "BLOCK" + std::to_string(i / 64) + "_REG" + std::to_string(i % 64);
          record.address = 4 * i;
@@ -98,6 +100,28 @@ void readByName(benchmark::State& state, bool guarded) {
    }
 }
 
+void readByHandle(benchmark::State& state, bool guarded) {
+   const Device device(guarded);
+   std::vector<TarnRegFile::RegisterHandle> handles;
+   for (const std::string& name : device.names) {
+      handles.push_back(device.method->regHandle(name));
+   }
+   std::size_t i = 0;
+   for (auto _ : state) {
+      benchmark::DoNotOptimize(device.method->regReadByHandle(handles[i]));
+      i = i + 1 == registers ? 0 : i + 1;
+   }
+}
+
+void readByNameOf(benchmark::State& state) {
+   const Device device(true, static_cast<std::uint32_t>(state.range(0)));
+   std::size_t i = 0;
+   for (auto _ : state) {
+      benchmark::DoNotOptimize(device.method->regRead(device.names[i]));
+      i = i + 1 == device.names.size() ? 0 : i + 1;
+   }
+}
+
 void rawLoads(benchmark::State& state) {
    const Space space;
    TarnRegFile::Bytes buffer;
@@ -121,6 +145,8 @@ void readBlock(benchmark::State& state, bool guarded) {
 BENCHMARK(rawLoad);
 BENCHMARK_CAPTURE(readByName, guarded, true);
 BENCHMARK_CAPTURE(readByName, plain, false);
+BENCHMARK_CAPTURE(readByHandle, guarded, true);
+BENCHMARK(readByNameOf)->Arg(100)->Arg(10000)->Arg(100000);
 BENCHMARK(rawLoads);
 BENCHMARK_CAPTURE(readBlock, guarded, true);
 BENCHMARK_CAPTURE(readBlock, plain, false);

@@ -258,7 +258,7 @@ void ownerReadByName(benchmark::State& state) {
    }
    core->teardown();
 }
-BENCHMARK(ownerReadByName)->Arg(1000)->Arg(10000);
+BENCHMARK(ownerReadByName)->Arg(1000)->Arg(10000)->Arg(100000);
 
 void clientReadByName(benchmark::State& state) {
    Owner owner(state.range(0));
@@ -295,7 +295,7 @@ void bareFindAndGet(benchmark::State& state) {
    }
    core->teardown();
 }
-BENCHMARK(bareFindAndGet)->Arg(1000)->Arg(10000);
+BENCHMARK(bareFindAndGet)->Arg(1000)->Arg(10000)->Arg(100000);
 
 // -- from a client's process to the hardware -----------------------------------------------------
 
@@ -478,7 +478,12 @@ void wishesUntilHeld(benchmark::State& state) {
    }
    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * burst);
 }
-BENCHMARK(wishesUntilHeld)->Arg(1000)->Arg(100000)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(wishesUntilHeld)
+   ->Arg(1000)
+   ->Arg(10000)
+   ->Arg(100000)
+   ->UseManualTime()
+   ->Unit(benchmark::kMillisecond);
 
 // What the client alone has of it.
 void wishes(benchmark::State& state) {

@@ -212,7 +212,7 @@ void memoryInFlight(benchmark::State& state) {
 }
 
 BENCHMARK(bareTransfers)->UseRealTime();
-BENCHMARK(readByName)->Arg(1)->Arg(100)->Arg(10'000)->UseRealTime();
+BENCHMARK(readByName)->Arg(1)->Arg(100)->Arg(1'000)->Arg(10'000)->UseRealTime();
 BENCHMARK(bareOnSlowBus)->UseRealTime();
 BENCHMARK(readOnSlowBus)->UseRealTime();
 BENCHMARK(memoryInFlight)->Arg(10'000)->UseRealTime();

@@ -160,7 +160,11 @@ void fill(benchmark::State& state) {
    }
    state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(fill)->Args({1000, 8})->Args({100000, 8})->Unit(benchmark::kMicrosecond);
+BENCHMARK(fill)
+   ->Args({1000, 8})
+   ->Args({10000, 8})
+   ->Args({100000, 8})
+   ->Unit(benchmark::kMicrosecond);
 
 template <typename T>
 class Shared {
