@@ -43,7 +43,7 @@ public:
       bool empty() const noexcept { return _taken == _bytes.size(); }
 
       Key next() {
-         const Key key(Bytes(_bytes).subspan(_taken, _keySize));
+         Key key(Bytes(_bytes).subspan(_taken, _keySize));
          _taken += _keySize;
          return key;
       }
