@@ -38,7 +38,7 @@ protected:
             writeTo("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
             writeTo("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
          }
-         if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+         if (::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0 ||
              ::mount("small", temp.path().c_str(), "tmpfs", 0, "size=2m") != 0) {
             self.say('s');
             return;
