@@ -14,7 +14,12 @@ std::optional<ExitCode> parseCommandLine(int argc, const char* const* argv, Argu
    ServiceCommandLine line(
       "tarn-shadowd",
       "The shadow agent: owns cores of a board, keeps their registers in shared tables,\n"
-      "and writes to the hardware what clients want.",
+      "and writes to the hardware what clients want.\n"
+      "\n"
+      "Examples:\n"
+      "  tarn-shadowd --board board.toml\n"
+      "  tarn-shadowd --board board.toml --core fpga --metrics 9101 --trace 1\n"
+      "  tarn-shadowd --board board.toml --check",
       "Exit codes: 0 stopped as told, or nothing found by --check; 1 any failure; 2 wrong\n"
       "usage; 4 another agent owns a core. Signals: TERM and INT stop, HUP begins a new\n"
       "generation of all cores. Environment: TARN_TABLE_DIR (where the tables are),\n"

@@ -7,6 +7,8 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "board/HelpFormat.h"
+
 namespace Board {
 
 namespace {
@@ -35,6 +37,7 @@ std::string unguarded(std::string word) {
 ServiceCommandLine::ServiceCommandLine(const std::string& name, const std::string& description,
                                        const std::string& footer, const std::string& version)
    : _app(std::make_unique<CLI::App>(description, name)) {
+   helpFormatIs(*_app);
    _app->footer(footer);
    _app->set_version_flag("--version", fmt::format("{} {}", name, version));
    _app->failure_message([name](const CLI::App* /*app*/, const CLI::Error& error) {

@@ -74,7 +74,12 @@ std::optional<ExitCode> parseCommandLine(int argc, const char* const* argv, Argu
    ServiceCommandLine line(
       "nimbod",
       "The SMBus proxy daemon: many programs on the I2C buses of a board, each transaction\n"
-      "whole and everybody in turn.",
+      "whole and everybody in turn.\n"
+      "\n"
+      "Examples:\n"
+      "  nimbod --config /etc/nimbod.toml\n"
+      "  nimbod --bus 3=/dev/i2c-3 --socket-dir /run/platform\n"
+      "  nimbod --config board.toml --check",
       "Exit codes: 0 stopped as told, or nothing found by --check; 1 any failure; 2 wrong\n"
       "usage. Signals: TERM and INT stop, HUP reads the buses anew. Environment:\n"
       "NM_SOCKET_DIR, NM_SOCKET_FILE (where clients look for the socket), TARN_TRACE.",

@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "board/HelpFormat.h"
 #include "nimbo/Config.h"
 #include "nimbo/StatusClient.h"
 #include "nimbo/StatusTable.h"
@@ -32,7 +33,13 @@ std::string orElse(const std::string& given, const char* variable, const std::st
 } // namespace
 
 ExitCode runNimboctl(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
-   CLI::App app("Asks the SMBus proxy daemon how it is.", "nimboctl");
+   CLI::App app("Asks the SMBus proxy daemon how it is.\n"
+                "\n"
+                "Examples:\n"
+                "  nimboctl status\n"
+                "  nimboctl status --socket-dir /run/platform --json",
+                "nimboctl");
+   Board::helpFormatIs(app);
    app.footer(
       "The daemon is found by its socket, as by its clients. Exit codes: 0 ok; 1 no answer;\n"
       "2 wrong usage. Environment: NM_SOCKET_DIR, NM_SOCKET_FILE.");
@@ -53,7 +60,10 @@ ExitCode runNimboctl(int argc, const char* const* argv, std::ostream& out, std::
                   "Name of the daemon's socket (default NM_SOCKET_FILE, smbus)")
       ->option_text("NAME");
    app.add_flag("--json", json, "Print the JSON document, schema nimbod-status/1");
-   app.add_subcommand("status", "Buses and clients of the daemon, and what they did");
+   app.add_subcommand("status", "Buses and clients of the daemon, and what they did\n"
+                                "\n"
+                                "Example:\n"
+                                "  nimboctl status --json | jq .clients");
    try {
       app.parse(argc, argv);
    } catch (const CLI::ParseError& error) {

@@ -45,6 +45,11 @@ struct Arguments {
    bool shadowNoWait = false;
    std::vector<std::string> cores;
    std::string orderId;
+   bool jsonLines = false;
+   std::string script = "-";
+   bool keepGoing = false;
+   double waitTime = 0;
+   std::vector<std::string> texts;
    ExportOptions exported;
    std::string exportTitle;
 };

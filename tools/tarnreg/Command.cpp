@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "board/HelpFormat.h"
 #include "platform/trace/StderrSink.h"
 #include "platform/trace/Trace.h"
 #include "tools/tarnreg/DevicePlace.h"
@@ -58,17 +59,26 @@ std::chrono::steady_clock::duration seconds(double number) {
       std::chrono::duration<double>(number));
 }
 
-Command::Command(Session& session)
-   : _session(session),
-     _app("Reads and writes the registers of a programmable device by name.\n"
-          "\n"
-          "Examples:\n"
-          "  tarnreg --file board.csv list 'FAN*'\n"
-          "  tarnreg --file board.csv read 'FAN[0:3]_PWM' FPGA_ID\n"
-          "  tarnreg --file board.csv --transport mock:values.csv write SCRATCH=0x1234 --verify\n"
-          "  tarnreg --board board.toml --device fpga read FPGA_ID\n"
-          "  tarnreg check board.csv\n",
-          "tarnreg") {
+Command::Command(Session& session, Kind kind) : _session(session), _app("", "tarnreg") {
+   _app.require_subcommand(1);
+   if (kind == Kind::process) {
+      _processIs();
+   } else {
+      _scriptLineIs();
+   }
+}
+
+void Command::_processIs() {
+   Board::helpFormatIs(_app);
+   _app.description(
+      "Reads and writes the registers of a programmable device by name.\n"
+      "\n"
+      "Examples:\n"
+      "  tarnreg --file board.csv list 'FAN*'\n"
+      "  tarnreg --file board.csv read 'FAN[0:3]_PWM' FPGA_ID\n"
+      "  tarnreg --file board.csv --transport mock:values.csv write SCRATCH=0x1234 --verify\n"
+      "  tarnreg --board board.toml --device fpga read FPGA_ID\n"
+      "  tarnreg check board.csv");
    _app.footer(
       "Data goes to standard output, everything said to standard error. With several failures\n"
       "the first decides the exit code:\n"
@@ -82,7 +92,6 @@ Command::Command(Session& session)
       "values file of mock:), NM_SOCKET_DIR and NM_SOCKET_FILE (the socket of smbus:),\n"
       "TARN_BOARD (board file), TARN_TABLE_DIR (shared tables), TARN_TRACE (levels by\n"
       "source), NO_COLOR.");
-   _app.require_subcommand(1);
    _app.fallthrough();
    _app.set_version_flag("--version", std::string("tarnreg ") + TARNREG_VERSION);
    _app.failure_message([](const CLI::App* app, const CLI::Error& error) {
@@ -91,6 +100,24 @@ Command::Command(Session& session)
    });
    _globalOptions();
    _verbs();
+}
+
+void Command::_scriptLineIs() {
+   _app.set_help_flag();
+   _listVerbs();
+   _accessVerbs();
+   _lookVerbs();
+   CLI::App* wait = _verb("wait", "registers", "Do nothing for a time", [this](Report& report) {
+      report.flush();
+      Pace::real().wait(seconds(_arguments.waitTime));
+   });
+   _seconds(*wait, "SECONDS", _arguments.waitTime, "How long");
+   wait->get_option("SECONDS")->required();
+   CLI::App* echo = _verb("echo", "texts", "Print its arguments", [this](Report& report) {
+      const std::string text = fmt::format("{}", fmt::join(_arguments.texts, " "));
+      report.event(printable(text), {{"text", jsonText(text)}});
+   });
+   _words(*echo, "TEXT", _arguments.texts, "What to print");
 }
 
 void Command::_globalOptions() {
@@ -144,6 +171,7 @@ CLI::App* Command::_verb(const char* name, const char* list, const char* help,
 CLI::App* Command::_subVerb(CLI::App& parent, const char* name, const char* list, const char* help,
                             std::function<void(Report&)> action) {
    CLI::App* verb = parent.add_subcommand(name, help);
+   verb->footer(verbFooter);
    const std::string full = &parent == &_app ? name : parent.get_name() + " " + name;
    verb->callback([this, full, list, action = std::move(action)] {
       _verbName = full;
@@ -155,7 +183,7 @@ CLI::App* Command::_subVerb(CLI::App& parent, const char* name, const char* list
 
 CLI::Option* Command::_words(CLI::App& verb, const char* name, std::vector<std::string>& words,
                              const char* help) {
-   return verb.add_option(name, words, help)->transform(unguarded());
+   return verb.add_option(name, words, help)->type_name("")->transform(unguarded());
 }
 
 void Command::_seconds(CLI::App& verb, const char* name, double& value, const char* help) {
@@ -244,20 +272,43 @@ ExitCode Command::run(const std::vector<std::string>& words) {
    if (Console::progressWanted(_session.options.json)) {
       _session.console->progressAfterIs(std::chrono::milliseconds(500));
    }
-   return _runVerb();
+   Report report = _report();
+   _runVerb(report);
+   return report.finish();
 }
 
-ExitCode Command::_runVerb() {
+Report Command::_report() const {
    Report report(*_session.console, _verbName, _listName, _session.options.json,
                  _session.options.base);
+   report.jsonLinesIs(_arguments.jsonLines);
+   return report;
+}
+
+void Command::_runVerb(Report& report) {
    try {
+      if (_arguments.jsonLines && _session.options.json) {
+         throw Failure(ExitCode::usage, "--json-lines goes without --json: it takes its place");
+      }
       _action(report);
    } catch (const Failure& failure) {
       report.failure(failure.code(), failure.what());
    } catch (const std::exception& error) {
       report.failure(ExitCode::general, error.what());
    }
-   return report.finish();
+}
+
+Report Command::runLine(const std::vector<std::string>& words) {
+   try {
+      _app.parse(guardedWords(words));
+   } catch (const CLI::ParseError& error) {
+      Report report(*_session.console, words.front(), "registers", _session.options.json,
+                    _session.options.base);
+      report.failure(ExitCode::usage, usageText(_app, error));
+      return report;
+   }
+   Report report = _report();
+   _runVerb(report);
+   return report;
 }
 
 } // namespace TarnReg

@@ -13,6 +13,7 @@
 #include "tools/tarnreg/Arguments.h"
 #include "tools/tarnreg/ExitCode.h"
 #include "tools/tarnreg/Options.h"
+#include "tools/tarnreg/Report.h"
 #include "tools/tarnreg/Session.h"
 
 /// Private to the command line.
@@ -44,23 +45,46 @@ CLI::Validator unguarded();
 /// there.
 std::vector<std::string> guardedWords(const std::vector<std::string>& words);
 
+/// What the help of each verb ends with.
+inline constexpr const char* verbFooter =
+   "--file, --device, --json and the other options of every verb, exit codes and environment\n"
+   "are in: tarnreg --help";
+
 std::chrono::steady_clock::duration seconds(double number);
 
 /// One command line: what may be on it, and what is to be done then.
 class Command {
 public:
+   enum class Kind {
+      process,   ///< of a process, with all verbs
+      scriptLine ///< of a line of a script: what works on the device, which is open
+   };
+
    /// `session` outlives it.
-   explicit Command(Session& session);
+   explicit Command(Session& session, Kind kind = Kind::process);
    Command(const Command&) = delete;
    Command& operator=(const Command&) = delete;
 
    /// Carries out the command line of `words`, those behind the program's name.
    ExitCode run(const std::vector<std::string>& words);
 
+   /// Carries out the line of a script, without printing the document, if that is what is asked
+   /// for.
+   Report runLine(const std::vector<std::string>& words);
+
 private:
+   void _processIs();
+   void _scriptLineIs();
    void _globalOptions();
    void _verbs();
+   void _accessVerbs();
+   void _lookVerbs();
+   void _listVerbs();
+   void _checkVerb();
    void _exportVerb();
+   void _scriptVerb();
+   void _script(Report& report);
+   void _jsonLines(CLI::App& verb);
    void _tableVerbs();
    void _shadowVerbs();
    void _shadowOrderVerbs(CLI::App& shadow);
@@ -83,7 +107,8 @@ private:
    bool _writesValues() const;
    Device& _device(const Device* other = nullptr);
    Console& _talk();
-   ExitCode _runVerb();
+   Report _report() const;
+   void _runVerb(Report& report);
 
    Session& _session;
    CLI::App _app;

@@ -1,35 +1,84 @@
 #include <filesystem>
+#include <fstream>
+#include <iostream>
 
 #include "tools/tarnreg/Command.h"
 #include "tools/tarnreg/DevicePlace.h"
+#include "tools/tarnreg/Failure.h"
 #include "tools/tarnreg/ListOnlyDevice.h"
 #include "tools/tarnreg/SavedDump.h"
+#include "tools/tarnreg/ScriptVerb.h"
 #include "tools/tarnreg/ValuesFile.h"
 
 namespace TarnReg {
 
 using TarnRegFile::ProblemSeverity;
 
-void Command::_verbs() {
-   const char* patternHelp =
-      "Names, with * and ? for any characters and [0:3] for a range of an array";
-   _verb("devices", "devices", "List the devices of the board file",
-         [this](Report& report) { listDevices(boardFile(_session.options), report); });
+namespace {
 
+constexpr const char* patternHelp =
+   "Names, with * and ? for any characters and [0:3] for a range of an array";
+
+} // namespace
+
+void Command::_verbs() {
+   _verb("devices", "devices",
+         "List the devices of the board file\n"
+         "\n"
+         "Examples:\n"
+         "  tarnreg -b board.toml devices\n"
+         "  TARN_BOARD=board.toml tarnreg devices --json",
+         [this](Report& report) { listDevices(boardFile(_session.options), report); });
+   _listVerbs();
+   _accessVerbs();
+   _lookVerbs();
+   _scriptVerb();
+   _checkVerb();
+   _exportVerb();
+   _tableVerbs();
+   _shadowVerbs();
+}
+
+void Command::_listVerbs() {
    CLI::App* list =
-      _verb("list", "registers", "List registers: name, address, width, access, type",
+      _verb("list", "registers",
+            "List registers: name, address, width, access, type\n"
+            "\n"
+            "Examples:\n"
+            "  tarnreg -f board.csv list\n"
+            "  tarnreg -b board.toml -d fpga list 'FAN[0:3]_*' 'LED*'",
             [this](Report& report) { listRegisters(_device(), _arguments.patterns, report); });
    _words(*list, "PATTERN", _arguments.patterns, patternHelp);
+}
 
-   CLI::App* read = _verb("read", "registers", "Read registers", [this](Report& report) {
-      readRegisters(_device(), _arguments.patterns, report);
-   });
+void Command::_accessVerbs() {
+   CLI::App* read =
+      _verb("read", "registers",
+            "Read registers\n"
+            "\n"
+            "Examples:\n"
+            "  tarnreg -b board.toml -d fpga read FPGA_ID 'FAN[0:3]_PWM'\n"
+            "  tarnreg -f board.csv -t i2c:/dev/i2c-3@0x50 read 'FAN*' --base dec\n"
+            "  id=$(tarnreg -b board.toml -d fpga read FPGA_ID | awk '{print $2}')",
+            [this](Report& report) { readRegisters(_device(), _arguments.patterns, report); });
    _words(*read, "PATTERN", _arguments.patterns, patternHelp)->required();
    _accessTimeout(*read);
 
-   CLI::App* write = _verb("write", "registers", "Write registers", [this](Report& report) {
-      writeRegisters(_device(), _arguments.assignments, _arguments.write, _talk(), report);
-   });
+   CLI::App* write =
+      _verb("write", "registers",
+            "Write registers\n"
+            "\n"
+            "Examples:\n"
+            "  tarnreg -b board.toml -d fpga write SCRATCH=0x1234 --verify\n"
+            "  tarnreg -b board.toml -d fpga write 'FAN[0:3]_PWM=128' LED_SYSTEM=0b10\n"
+            "  tarnreg -b board.toml -d fpga write 'LED*=0' --dry-run",
+            [this](Report& report) {
+               if (_arguments.write.confirm && _session.isInputScript) {
+                  throw Failure(ExitCode::usage, "--confirm cannot ask: standard "
+                                                 "input is the script");
+               }
+               writeRegisters(_device(), _arguments.assignments, _arguments.write, _talk(), report);
+            });
    _words(*write, "NAME=VALUE", _arguments.assignments,
           "What to write; values in decimal, 0x hexadecimal or 0b binary")
       ->required();
@@ -40,7 +89,12 @@ void Command::_verbs() {
    _accessTimeout(*write);
 
    CLI::App* dump =
-      _verb("dump", "registers", "Read every register but the configuration ones",
+      _verb("dump", "registers",
+            "Read every register but the configuration ones\n"
+            "\n"
+            "Examples:\n"
+            "  tarnreg -b board.toml -d fpga dump > before\n"
+            "  tarnreg -b board.toml -d fpga dump 'PORT*' --json",
             [this](Report& report) {
                dumpRegisters(_device(), _arguments.patterns, _arguments.dumpAll, report);
             });
@@ -48,8 +102,37 @@ void Command::_verbs() {
    dump->add_flag("--all", _arguments.dumpAll, "Configuration registers (type cfg) too");
    _accessTimeout(*dump);
 
+   CLI::App* call =
+      _verb("call", "results",
+            "Call an operation of the device's TransportMethod\n"
+            "\n"
+            "Examples:\n"
+            "  tarnreg describe TransportMethod\n"
+            "  tarnreg -f board.csv call getRegArraySize 'MAILBOX[0]'",
+            [this](Report& report) {
+               callOperation(_device(), _arguments.operation, _arguments.operands, report);
+            });
+   call->add_option("OPERATION", _arguments.operation, "See: describe TransportMethod")
+      ->required()
+      ->transform(unguarded());
+   _words(*call, "ARGUMENT", _arguments.operands, "The operation's arguments, in order");
+   _accessTimeout(*call);
+}
+
+void Command::_jsonLines(CLI::App& verb) {
+   verb.add_flag("--json-lines", _arguments.jsonLines,
+                 "Print each change at once as a line of JSON, schema tarnreg-watch/1");
+}
+
+void Command::_lookVerbs() {
    CLI::App* watch =
-      _verb("watch", "registers", "Read registers again and again and print those that change",
+      _verb("watch", "registers",
+            "Read registers again and again and print those that change\n"
+            "\n"
+            "Examples:\n"
+            "  tarnreg -b board.toml -d fpga watch 'FAN*_TACH' --interval 0.5\n"
+            "  tarnreg -b board.toml -d fpga watch IRQ_PENDING* --count 100\n"
+            "  tarnreg -b board.toml -d fpga watch --json-lines | jq -c '[.name, .value]'",
             [this](Report& report) {
                watchRegisters(_device(), _arguments.patterns,
                               {seconds(_arguments.watchInterval), _arguments.watchCount},
@@ -60,10 +143,16 @@ void Command::_verbs() {
    watch->add_option("--count", _arguments.watchCount, "Rounds; without it until interrupted")
       ->option_text("N")
       ->check(CLI::PositiveNumber);
+   _jsonLines(*watch);
    _accessTimeout(*watch);
 
    CLI::App* poll =
-      _verb("poll", "registers", "Read registers until they hold what is waited for",
+      _verb("poll", "registers",
+            "Read registers until they hold what is waited for\n"
+            "\n"
+            "Examples:\n"
+            "  tarnreg -b board.toml -d fpga poll --until 'FLASH_STATUS&0x1=0' --timeout 30\n"
+            "  tarnreg -b board.toml -d fpga poll --until RESET_CAUSE=0 'FAN[0:3]_STATUS=1'",
             [this](Report& report) {
                pollRegisters(_device(), _arguments.conditions,
                              {seconds(_arguments.pollInterval), seconds(_arguments.timeout)},
@@ -76,9 +165,13 @@ void Command::_verbs() {
    _seconds(*poll, "--interval", _arguments.pollInterval, "Seconds between two reads");
    _seconds(*poll, "--timeout", _arguments.timeout, "Seconds until it is given up, exit code 6");
 
-   CLI::App* diff =
-      _verb("diff", "registers", "Compare registers with those of another device or a saved dump",
-            [this](Report& report) { _diff(report); });
+   CLI::App* diff = _verb("diff", "registers",
+                          "Compare registers with those of another device or a saved dump\n"
+                          "\n"
+                          "Examples:\n"
+                          "  tarnreg -b board.toml -d fpga diff --with-dump before\n"
+                          "  tarnreg -b board.toml -d left diff --with-device right 'PORT*'",
+                          [this](Report& report) { _diff(report); });
    _words(*diff, "PATTERN", _arguments.patterns, patternHelp);
    CLI::Option_group* other = diff->add_option_group("With", "What to compare with");
    other->add_option("--with-device", _arguments.otherDevice, "A device of the board file")
@@ -96,9 +189,64 @@ void Command::_verbs() {
    other->require_option(1);
    diff->add_flag("--all", _arguments.diffAll, "Configuration registers (type cfg) too");
    _accessTimeout(*diff);
+}
 
+void Command::_scriptVerb() {
+   CLI::App* script =
+      _verb("script", "commands",
+            "Carry out commands on one device, one a line\n"
+            "\n"
+            "Examples:\n"
+            "  tarnreg -b board.toml -d fpga script bring-up.txt\n"
+            "  printf 'write SCRATCH=7\\nread SCRATCH\\n' | tarnreg -f board.csv script\n"
+            "  tarnreg -b board.toml -d fpga script <<'END'\n"
+            "  write RESET_CONTROL=1           # a comment\n"
+            "  wait 0.1\n"
+            "  write RESET_CONTROL=0 --verify\n"
+            "  poll --until 'FLASH_STATUS&0x1=0' --timeout 5\n"
+            "  END\n"
+            "\n"
+            "A line is list, read, write, dump, call, watch, poll or diff with the arguments that\n"
+            "these have at a shell; or wait SECONDS, or echo TEXT. Blanks separate, quotes and\n"
+            "backslashes keep together, # begins a comment, and nothing is expanded. The device\n"
+            "is opened once. The first line that fails ends it, and gives the exit code.",
+            [this](Report& report) { _script(report); });
+   script->add_option("FILE", _arguments.script, "The commands; - or nothing for standard input")
+      ->transform(unguarded());
+   script->add_flag("--keep-going,-k", _arguments.keepGoing,
+                    "Go on behind a line that fails; the first one still gives the exit code");
+}
+
+void Command::_script(Report& report) {
+   _device();
+   const bool isInput = _arguments.script == "-";
+   std::ifstream file;
+   if (!isInput) {
+      std::error_code error;
+      if (!std::filesystem::is_directory(_arguments.script, error)) {
+         file.open(_arguments.script);
+      }
+      if (!file.is_open()) {
+         throw Failure(ExitCode::general, fmt::format("cannot read {}", _arguments.script));
+      }
+   }
+   _session.isInputScript = isInput;
+   runScript(
+      isInput ? std::cin : file, isInput ? "stdin" : _arguments.script, _arguments.keepGoing,
+      [this](const std::vector<std::string>& words) {
+         return Command(_session, Kind::scriptLine).runLine(words);
+      },
+      _talk(), report);
+}
+
+void Command::_checkVerb() {
    CLI::App* check =
-      _verb("check", "problems", "Report every problem of a register list",
+      _verb("check", "problems",
+            "Report every problem of a register list\n"
+            "\n"
+            "Examples:\n"
+            "  tarnreg check board.csv\n"
+            "  tarnreg check board.csv --fail-on warning",
             [this](Report& report) { checkFile(_arguments.checkFile, _arguments.failOn, report); });
    check->add_option("FILE", _arguments.checkFile, "The register list")
       ->required()
@@ -109,26 +257,15 @@ void Command::_verbs() {
                                           {"warning", ProblemSeverity::warning},
                                           {"error", ProblemSeverity::error}}));
 
-   CLI::App* describe =
-      _verb("describe", "types", "Describe a type of the library: attributes, operations",
-            [this](Report& report) { describeType(_arguments.type, report); });
+   CLI::App* describe = _verb("describe", "types",
+                              "Describe a type of the library: attributes, operations\n"
+                              "\n"
+                              "Examples:\n"
+                              "  tarnreg describe\n"
+                              "  tarnreg describe TransportMethod",
+                              [this](Report& report) { describeType(_arguments.type, report); });
    describe->add_option("TYPE", _arguments.type, "The type; without it all types are listed")
       ->transform(unguarded());
-
-   CLI::App* call =
-      _verb("call", "results", "Call an operation of the device's TransportMethod",
-            [this](Report& report) {
-               callOperation(_device(), _arguments.operation, _arguments.operands, report);
-            });
-   call->add_option("OPERATION", _arguments.operation, "See: describe TransportMethod")
-      ->required()
-      ->transform(unguarded());
-   _words(*call, "ARGUMENT", _arguments.operands, "The operation's arguments, in order");
-   _accessTimeout(*call);
-
-   _exportVerb();
-   _tableVerbs();
-   _shadowVerbs();
 }
 
 void Command::_exportVerb() {

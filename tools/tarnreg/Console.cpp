@@ -67,6 +67,9 @@ void Console::_say(std::string_view kind, std::string_view color, std::string_vi
    } else {
       _talk << kind << ": ";
    }
+   if (!_place.empty()) {
+      _talk << printable(_place) << ": ";
+   }
    _talk << printable(text) << std::endl;
 }
 

@@ -27,6 +27,10 @@ public:
    void warning(std::string_view text) { _say("warning", "\033[1;33m", text); }
    void note(std::string_view text) { _say("note", "\033[1m", text); }
 
+   /// Says of what follows where it comes from: "tarnreg: error: <place>: <text>". Empty for
+   /// nothing.
+   void placeIs(const std::string& place) { _place = place; }
+
    /// Shows, in one line that each call and any other message replaces, how far something has come,
    /// if it has taken `progressAfter` so far; never unless that was set.
    void progress(std::size_t done, std::size_t total);
@@ -61,6 +65,7 @@ private:
    std::ostream& _data;
    std::ostream& _talk;
    bool _color;
+   std::string _place;
    std::optional<std::chrono::steady_clock::time_point> _progressFrom; // next time to show it
    bool _progressShown = false;
 };

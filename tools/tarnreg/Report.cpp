@@ -1,6 +1,8 @@
 #include "tools/tarnreg/Report.h"
 
 #include <algorithm>
+#include <chrono>
+#include <ostream>
 #include <utility>
 
 #include <fmt/format.h>
@@ -69,14 +71,32 @@ Report::Report(Console& console, std::string verb, std::string list, bool json, 
    _document[_list] = nlohmann::ordered_json::array();
 }
 
+std::string Report::_valueLine(const TarnRegFile::HardwareRegister& record,
+                               const std::string& value) const {
+   return fmt::format("{:<{}}  {}", shownName(record.name), _nameWidth, value);
+}
+
 void Report::value(const TarnRegFile::HardwareRegister& record, std::uint32_t value) {
    nlohmann::ordered_json element;
-   if (_json) {
+   if (_structured()) {
       element = registerJson(record);
       element["value"] = value;
    }
-   event(fmt::format("{:<{}}  {}", shownName(record.name), _nameWidth,
-                     formatNumber(value, record.width, _base)),
+   event(_valueLine(record, formatNumber(value, record.width, _base)), std::move(element));
+}
+
+void Report::change(const TarnRegFile::HardwareRegister& record, std::optional<std::uint32_t> value,
+                    std::optional<std::uint32_t> previous) {
+   using Json = nlohmann::ordered_json;
+   Json element;
+   if (_structured()) {
+      element = registerJson(record);
+      element["value"] = value ? Json(*value) : Json();
+   }
+   if (_jsonLines) {
+      element["previous"] = previous ? Json(*previous) : Json();
+   }
+   event(_valueLine(record, value ? formatNumber(*value, record.width, _base) : "-"),
          std::move(element));
 }
 
@@ -101,8 +121,21 @@ void Report::property(const std::string& key, nlohmann::ordered_json value) {
    _document[key] = std::move(value);
 }
 
+void Report::_printLine(const nlohmann::ordered_json& element) {
+   using Milliseconds = std::chrono::milliseconds;
+   const auto now = std::chrono::system_clock::now().time_since_epoch();
+   nlohmann::ordered_json line;
+   line["schema"] = "tarnreg-watch/1";
+   line["time"] = static_cast<double>(std::chrono::duration_cast<Milliseconds>(now).count()) / 1000;
+   line.update(element);
+   // ASCII only, so that no name reaches a terminal as anything but itself.
+   _console.data() << line.dump(-1, ' ', true) << std::endl;
+}
+
 void Report::row(const std::string& line, nlohmann::ordered_json element) {
-   if (_json) {
+   if (_jsonLines) {
+      _printLine(element);
+   } else if (_json) {
       _document[_list].push_back(std::move(element));
    } else {
       _console.data() << line << '\n';
@@ -120,20 +153,50 @@ void Report::failure(ExitCode code, const std::string& text, const std::string& 
    _exit = worse(_exit, code);
    _console.data().flush();
    _console.error(text);
-   if (_json) {
+   if (_jsonLines) {
+      nlohmann::ordered_json element;
+      if (!name.empty()) {
+         element["name"] = jsonText(name);
+      }
+      element["error"] = {{"code", codeName(code)}, {"text", jsonText(text)}};
+      _printLine(element);
+   } else if (_json) {
       nlohmann::ordered_json element;
       element["code"] = codeName(code);
       if (!name.empty()) {
          element["name"] = jsonText(name);
       }
       element["text"] = jsonText(text);
+      if (_line != 0) {
+         element["line"] = _line;
+      }
       _errors.push_back(std::move(element));
+   }
+}
+
+void Report::part(Report& part) {
+   _console.progressDone();
+   _console.data().flush();
+   _exit = worse(_exit, part._exit);
+   if (!_json) {
+      return;
+   }
+   nlohmann::ordered_json element;
+   element["line"] = _line;
+   part._document.erase("schema");
+   element.update(part._document);
+   element["errors"] = part._errors;
+   element["exitCode"] = static_cast<int>(part._exit);
+   _document[_list].push_back(std::move(element));
+   for (nlohmann::ordered_json& error : part._errors) {
+      error["line"] = _line;
+      _errors.push_back(std::move(error));
    }
 }
 
 ExitCode Report::finish() {
    _console.progressDone();
-   if (_json) {
+   if (_json && !_jsonLines) {
       _document["errors"] = std::move(_errors);
       _document["exitCode"] = static_cast<int>(_exit);
       // ASCII only, so that no name reaches a terminal as anything but itself.

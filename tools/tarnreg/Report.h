@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,6 +25,11 @@ public:
 
    bool json() const noexcept { return _json; }
 
+   /// Prints results and failures one by one as they come, each a JSON object in a line of its own
+   /// (schema tarnreg-watch/1, docs/schemas), in place of all else.
+   void jsonLinesIs(bool jsonLines) noexcept { _jsonLines = jsonLines; }
+   bool jsonLines() const noexcept { return _jsonLines; }
+
    /// What the command is to exit with as far as is known now.
    ExitCode code() const noexcept { return _exit; }
 
@@ -32,6 +39,11 @@ public:
    /// A register and its value: "NAME  0x2a". Out at once, so that of a device that hangs one sees
    /// where.
    void value(const TarnRegFile::HardwareRegister& record, std::uint32_t value);
+
+   /// A register that was found to hold another value than before; `previous` is not shown in
+   /// lines. Without a value it is not known any more, or yet.
+   void change(const TarnRegFile::HardwareRegister& record, std::optional<std::uint32_t> value,
+               std::optional<std::uint32_t> previous);
 
    /// A register of which two values differ: "NAME  0x2a  0x2b". In the document the second one is
    /// `other`.
@@ -47,8 +59,18 @@ public:
    /// The same for what happened just now: a line is out at once.
    void event(const std::string& line, nlohmann::ordered_json element);
 
+   /// What comes from now on is of that line of a script, from 1.
+   void lineIs(std::size_t line) noexcept { _line = line; }
+
+   /// The whole of what another report on the same console found, as the next element of the
+   /// results here.
+   void part(Report& part);
+
    /// A member of the document beside the results.
    void property(const std::string& key, nlohmann::ordered_json value);
+
+   /// Has everything out that was printed so far.
+   void flush() { _console.data().flush(); }
 
    /// What a person should know of the data, said at once on standard error.
    void warning(const std::string& text) { _console.warning(text); }
@@ -63,10 +85,17 @@ public:
    void nameWidthIs(std::size_t width) noexcept { _nameWidth = width; }
 
 private:
+   bool _structured() const noexcept { return _json || _jsonLines; }
+   void _printLine(const nlohmann::ordered_json& element);
+   std::string _valueLine(const TarnRegFile::HardwareRegister& record,
+                          const std::string& value) const;
+
    Console& _console;
    bool _json;
+   bool _jsonLines = false;
    NumberBase _base;
    std::size_t _nameWidth = 0;
+   std::size_t _line = 0; // 0 for none
    ExitCode _exit = ExitCode::ok;
    std::string _list;
    nlohmann::ordered_json _document;

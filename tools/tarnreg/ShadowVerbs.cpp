@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <unordered_map>
 #include <utility>
 
 #include <fmt/format.h>
@@ -167,7 +168,8 @@ void watchShadow(ShadowView& view, const std::vector<std::string>& patterns,
                  const ShadowWatchOptions& options, Report& report) {
    if (report.json() && options.count == 0 && !options.timeout) {
       throw Failure(ExitCode::usage, "--json prints one document at the end: give it one with "
-                                     "--count or --timeout");
+                                     "--count or --timeout; --json-lines prints changes as "
+                                     "they come");
    }
    onShadow([&] {
       const Selection selection = selected(view, patterns, report);
@@ -177,14 +179,12 @@ void watchShadow(ShadowView& view, const std::vector<std::string>& patterns,
       const std::size_t width = nameColumnWidth(selection);
       std::uint64_t seen = 0;
       const auto isEnough = [&] { return options.count != 0 && seen >= options.count; };
+      report.nameWidthIs(width);
+      std::unordered_map<const HardwareRegister*, Value> held;
       const auto show = [&](const HardwareRegister& record, Value value) {
-         if (value) {
-            report.value(record, *value);
-            return;
-         }
-         nlohmann::ordered_json element = registerJson(record);
-         element["value"] = nullptr;
-         report.event(fmt::format("{}  {}", padded(record, width), unknown), std::move(element));
+         Value& previous = held[&record];
+         report.change(record, value, previous);
+         previous = value;
       };
       std::vector<ShadowClient::Following> followings;
       followings.reserve(selection.size());

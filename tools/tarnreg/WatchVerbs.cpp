@@ -27,8 +27,8 @@ void look(ReadAhead& values, Seen& seen, Report& report) {
    try {
       const std::uint32_t value = values.next();
       if (seen.value != value) {
+         report.change(*seen.record, value, seen.value);
          seen.value = value;
-         report.value(*seen.record, value);
       }
       seen.error.clear();
    } catch (const AccessError& error) {
@@ -117,7 +117,8 @@ void watchRegisters(Device& device, const std::vector<std::string>& patterns,
                     const WatchOptions& options, const Pace& pace, Report& report) {
    device.requireReadable();
    if (report.json() && options.count == 0) {
-      throw Failure(ExitCode::usage, "--json of a watch needs --count: it is printed at the end");
+      throw Failure(ExitCode::usage, "--json of a watch needs --count: it is printed at the end; "
+                                     "--json-lines prints changes as they come");
    }
    const Selection selection = selectAll(device, patterns, report);
    report.nameWidthIs(nameColumnWidth(selection));

@@ -20,12 +20,18 @@ namespace TarnSim {
 namespace {
 
 constexpr const char* usage =
-   R"(usage: tarnsim --board FILE [--wire-log FILE] [--control SOCKET] [--] COMMAND [ARGUMENT...]
+   R"(Runs a command that sees the devices of a board file at their usual paths:
+/dev/i2c-N, /dev/spidevB.C and /sys/bus/pci/devices/BDF/resourceN.
+
+Examples:
+  tarnsim --board board.toml -- i2cget -y 3 0x50 0
+  tarnsim --board board.toml -- tarnreg -b board.toml -d fpga read FPGA_ID
+  tarnsim --board board.toml --control ./sim -- bash
+  tarnsim control ./sim help
+
+Usage: tarnsim --board FILE [--wire-log FILE] [--control SOCKET] [--] COMMAND [ARGUMENT...]
        tarnsim --board FILE --check
        tarnsim control [SOCKET] COMMAND [ARGUMENT...]
-
-Runs a command that sees the devices of a board file at their usual paths:
-/dev/i2c-N, /dev/spidevB.C and /sys/bus/pci/devices/BDF/resourceN.
 
   --board FILE      the board file (TOML); its [simulate] tables count
   --check           only read the board file and say what is wrong with it
