@@ -55,6 +55,6 @@ def instructions(build, wanted=PATHS, counted=count):
             points.append((size, each))
             table.append(figure("instructions", f"{what}, {size:,}", [each], "instructions"))
         power = 1 + exponent(points)
-        table.append(figure("instructions", f"{what}: all of them grow with the power", [power],
+        table.append(figure("instructions", f"{what}: power", [power],
                             "power", target=log_linear(sizes)))
     return table

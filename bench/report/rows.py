@@ -88,5 +88,4 @@ GROWTHS = [
     ("initial sync, mock, over the registers", "bench_shadowd", "initialSync/{}/manual_time", (1000, 10000, 100000), "all"),
     ("bare reads and puts, over their number", "bench_shadowd", "bareReadsAndPuts/{}/manual_time", (1000, 10000, 100000), "all"),
     ("shadow read, over the registers", "bench_shadowd", "ownerReadByName/{}", (1000, 10000, 100000), "one"),
-    ("100k wishes, over the registers", "bench_shadowd", "wishesUntilHeld/{}/manual_time", (1000, 10000, 100000), "one"),
 ]
