@@ -16,7 +16,7 @@ UNSHUFFLED := $(shell setarch -R true 2>/dev/null && echo setarch -R)
 
 .NOTPARALLEL:
 .DEFAULT_GOAL := help
-.PHONY: help packages build test vm-test demo release asan tsan valgrind coverage install-check docs symbols debian fuzz \
+.PHONY: help packages build test vm-test demo release asan tsan valgrind coverage install-check docs sessions symbols debian fuzz \
         torture soak bench format format-check tidy include-check clean
 
 help: ## List the actions
@@ -82,6 +82,11 @@ docs: ## Make the API reference (build/docs/html); fail if a comment in a header
 	@mkdir -p build/docs
 	TARN_VERSION=$$(sed -n 's/^  VERSION //p' CMakeLists.txt) doxygen docs/Doxyfile
 	@echo "API reference: build/docs/html/index.html"
+
+sessions: ## Run the sessions on pages of docs/ and take over what is printed
+	cmake --preset release
+	cmake --build --preset release --target $(addsuffix /all,$(wildcard tools examples nimbo agent))
+	scripts/run-sessions --renew build/release/bin docs/guide.md docs/coming-from.md
 
 symbols: ## Take over what the libraries export now as what they are meant to (cmake/symbols)
 	cmake --preset release
