@@ -63,8 +63,11 @@ class Demo(unittest.TestCase):
             time.sleep(0.01)
 
     def test_it_shows_each_transport_a_wish_and_a_loss_and_ends_well(self):
+        places = [os.path.join(SOURCE, place) for place in ("", "examples", "scripts")]
+        before = [sorted(os.listdir(place)) for place in places]
         demo = self.start()
         self.assertEqual(demo.wait(300), 0, self.said())
+        self.assertEqual([sorted(os.listdir(place)) for place in places], before)
         said = self.said()
         for device in ("fpga-pci", "fpga-i2c", "fpga-sorn", "fpga-smbus"):
             self.assertIn(f"$ tarnreg -d {device} read FPGA_ID\nFPGA_ID  0x5441524e\n", said)

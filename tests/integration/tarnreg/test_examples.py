@@ -1,4 +1,4 @@
-"""The example programs, the sample device, and the demo that shows them."""
+"""The example programs and the sample device."""
 
 import os
 import re
@@ -6,7 +6,7 @@ import subprocess
 import tempfile
 import unittest
 
-from support import BOARD, BUILD, EXAMPLES, SOURCE, TIMEOUT, TarnregTest, environment, run
+from support import BOARD, EXAMPLES, SOURCE, TIMEOUT, TarnregTest, environment, run
 
 
 class Examples(TarnregTest):
@@ -190,24 +190,6 @@ class SampleDevice(TarnregTest):
         self.assertEqual(len({register["address"] for register in registers}), 280)
         lane = [r for r in registers if r["name"] == "LANE[3]_[2]_ERRORS"]
         self.assertEqual((lane[0]["address"], lane[0]["arraySize"]), ((512 + 14) * 4, 16))
-
-
-class Demo(TarnregTest):
-    def test_runs_and_leaves_nothing_behind(self):
-        listing = lambda path: sorted(os.listdir(path))
-        places = (SOURCE, os.path.dirname(BOARD))
-        before = [listing(place) for place in places]
-        done = subprocess.run(
-            [os.path.join(SOURCE, "scripts", "demo"), BUILD],
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=TIMEOUT,
-            env=environment(TMPDIR=self.dir),
-        )
-        self.assertEqual(done.returncode, 0, done.stderr)
-        self.assertTrue(done.stdout.endswith("Done.\n"))
-        for words in ("(exit code 3)", "(exit code 4)", "(exit code 2)", "SCRATCH"):
-            self.assertIn(words, done.stdout)
-        self.assertEqual(os.listdir(self.dir), [])
-        self.assertEqual([listing(place) for place in places], before)
 
 
 if __name__ == "__main__":
