@@ -51,6 +51,11 @@ endforeach()
 if(TARN_BUILD_PROGRAMS)
   install(TARGETS tarnreg tarnsim nimbod nimboctl tarn-shadowd
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/tarnreg/completion/tarnreg.bash
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME tarnreg
+    COMPONENT tools)
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/tarnreg/completion/_tarnreg
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools)
   # The units name the programs by their full paths, which only the installation knows.
   file(RELATIVE_PATH bindir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_BINDIR})
   foreach(unit nimbo/nimbod.service nimbo/nimbod.socket agent/tarn-shadowd.service)

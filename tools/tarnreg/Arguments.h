@@ -46,6 +46,7 @@ struct Arguments {
    std::vector<std::string> cores;
    std::string orderId;
    bool jsonLines = false;
+   bool ascii = false;
    std::string script = "-";
    bool keepGoing = false;
    double waitTime = 0;

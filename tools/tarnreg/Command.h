@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include "tools/tarnreg/Arguments.h"
+#include "tools/tarnreg/Completion.h"
 #include "tools/tarnreg/ExitCode.h"
 #include "tools/tarnreg/Options.h"
 #include "tools/tarnreg/Report.h"
@@ -72,7 +73,15 @@ public:
    /// for.
    Report runLine(const std::vector<std::string>& words);
 
+   /// Prints what the last word of a command line that is being typed may be completed to, for a
+   /// shell: of a whole line with "--line LINE BREAKS", of words with "-- WORD...". The first line
+   /// printed is "words", "files" or "open" (the word goes on), and then each is a word.
+   ExitCode complete(const std::vector<std::string>& arguments);
+
 private:
+   std::vector<std::string> _registerNames() const;
+   std::vector<std::string> _deviceNames() const;
+   std::vector<std::string> _namesOf(WordKind kind) const;
    void _processIs();
    void _scriptLineIs();
    void _globalOptions();
@@ -82,6 +91,8 @@ private:
    void _listVerbs();
    void _checkVerb();
    void _exportVerb();
+   void _topVerb();
+   void _top(Report& report);
    void _scriptVerb();
    void _script(Report& report);
    void _jsonLines(CLI::App& verb);

@@ -1,3 +1,6 @@
+#include <langinfo.h>
+
+#include <clocale>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -8,6 +11,8 @@
 #include "tools/tarnreg/ListOnlyDevice.h"
 #include "tools/tarnreg/SavedDump.h"
 #include "tools/tarnreg/ScriptVerb.h"
+#include "tools/tarnreg/Terminal.h"
+#include "tools/tarnreg/TopVerb.h"
 #include "tools/tarnreg/ValuesFile.h"
 
 namespace TarnReg {
@@ -32,6 +37,7 @@ void Command::_verbs() {
    _listVerbs();
    _accessVerbs();
    _lookVerbs();
+   _topVerb();
    _scriptVerb();
    _checkVerb();
    _exportVerb();
@@ -189,6 +195,45 @@ void Command::_lookVerbs() {
    other->require_option(1);
    diff->add_flag("--all", _arguments.diffAll, "Configuration registers (type cfg) too");
    _accessTimeout(*diff);
+}
+
+void Command::_topVerb() {
+   CLI::App* top = _verb(
+      "top", "registers",
+      "Show registers on the whole screen, again and again\n"
+      "\n"
+      "Examples:\n"
+      "  tarnreg -b board.toml -d fpga top 'FAN*' 'TEMPERATURE*'\n"
+      "  tarnreg -b board.toml -d fpga top --interval 0.2 'COUNTER*'\n"
+      "\n"
+      "What changed in the last round is highlighted, and what came before is plotted, from\n"
+      "the lowest to the highest value on show. q quits, p pauses, arrows scroll. A register\n"
+      "that cannot be read says why in its line. Without a terminal it is as watch.",
+      [this](Report& report) { _top(report); });
+   _words(*top, "PATTERN", _arguments.patterns, patternHelp);
+   _seconds(*top, "--interval", _arguments.watchInterval, "Seconds between two rounds");
+   top->add_flag("--ascii", _arguments.ascii, "Plots of ASCII, also where the locale has more");
+   _accessTimeout(*top);
+}
+
+void Command::_top(Report& report) {
+   Device& device = _device();
+   const auto interval = seconds(_arguments.watchInterval);
+   if (_session.options.json || !Terminal::isThere()) {
+      watchRegisters(device, _arguments.patterns, {interval, 0}, Pace::real(), report);
+      return;
+   }
+   std::setlocale(LC_CTYPE, ""); // the widths of characters are the terminal's
+   TopOptions options;
+   options.interval = interval;
+   options.style.base = _session.options.base;
+   options.style.color = Console::colorWanted(_session.options.color);
+   options.style.unicode = !_arguments.ascii && std::string_view(::nl_langinfo(CODESET)) == "UTF-8";
+   const DevicePlace place = devicePlace(_session.options);
+   options.title = !_session.options.device.empty()
+                      ? _session.options.device
+                      : std::filesystem::path(place.list).stem().string();
+   topRegisters(device, _arguments.patterns, options, report);
 }
 
 void Command::_scriptVerb() {

@@ -111,6 +111,15 @@ void requireRegister(Device& device, const Platform::OperationData& operation,
 
 } // namespace
 
+std::vector<std::string> typeNames() {
+   std::vector<std::string> names;
+   for (const TypeData* type : knownTypes()) {
+      const std::string_view full = type->name();
+      names.emplace_back(full.substr(full.rfind(':') + 1));
+   }
+   return names;
+}
+
 void describeType(const std::string& name, Report& report) {
    if (name.empty()) {
       for (const TypeData* type : knownTypes()) {

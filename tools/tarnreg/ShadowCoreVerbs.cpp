@@ -91,16 +91,6 @@ void row(const std::string& core, const CoreState& state, OwnerLife owner, Repor
    report.event(line(core, state, owner), json(core, state, owner));
 }
 
-std::vector<std::string> coresIn(const TableDirectory& directory) {
-   std::vector<std::string> cores;
-   for (const std::string& table : directory.tableNames()) {
-      if (table.size() > stateTable.size() && table.ends_with(stateTable)) {
-         cores.push_back(table.substr(0, table.size() - stateTable.size()));
-      }
-   }
-   return cores;
-}
-
 /// Calls `work` with a monitor of each core; what fails for one keeps no other from its turn.
 template <typename Work>
 void forEachCore(const TableDirectory& directory, const std::vector<std::string>& cores,
@@ -120,6 +110,16 @@ void forEachCore(const TableDirectory& directory, const std::vector<std::string>
 }
 
 } // namespace
+
+std::vector<std::string> coresIn(const TableDirectory& directory) {
+   std::vector<std::string> cores;
+   for (const std::string& table : directory.tableNames()) {
+      if (table.size() > stateTable.size() && table.ends_with(stateTable)) {
+         cores.push_back(table.substr(0, table.size() - stateTable.size()));
+      }
+   }
+   return cores;
+}
 
 void showCores(const TableDirectory& directory, const std::vector<std::string>& cores,
                Report& report) {

@@ -9,6 +9,9 @@
 
 namespace TarnReg {
 
+/// The cores whose tables are there.
+std::vector<std::string> coresIn(const Platform::Tables::TableDirectory& directory);
+
 /// Tells how cores are: what the owner of each said last, and whether it lives. Without names, of
 /// all whose owners have said anything. One of which nothing is known is a failure (unknownName).
 void showCores(const Platform::Tables::TableDirectory& directory,

@@ -85,6 +85,9 @@ void diffDump(Device& device, const SavedDump& dump, const std::vector<std::stri
 /// Reports the problems of a register list, and fails when one is at least `failOn`.
 void checkFile(const std::string& file, TarnRegFile::ProblemSeverity failOn, Report& report);
 
+/// The short names of the types that describeType() knows.
+std::vector<std::string> typeNames();
+
 /// Describes the type of that name from its reflection table; without a name, lists the types.
 void describeType(const std::string& type, Report& report);
 
