@@ -139,9 +139,9 @@ class Top(TarnregTest):
             self.assertEqual(session.end(), 0)
 
     def test_follows_the_size_of_the_terminal(self):
-        session = self.top(rows=6, columns=40, NO_COLOR="1")
+        session = self.top(rows=6, columns=60, NO_COLOR="1")
         session.until(b"arrows scroll: 1 to 4")
-        session.size(10, 60)
+        session.size(10, 70)
         session.until(b"arrows scroll: 1 to 8")
         session.keys(b"\x1b[B")
         session.until(b"arrows scroll: 2 to 9")
@@ -153,7 +153,11 @@ class Top(TarnregTest):
         self.assert_restored(session)
 
     def test_a_device_that_fails_says_so_in_the_line(self):
-        session = self.top("SCRATCH", where=("--transport", "smbus:3@0x50?socket=/none/smbus"), columns=200)
+        space = self.write("space", bytes(4096))
+        session = self.top("SCRATCH", "--interval", "0.02", columns=200,
+                           where=("--transport", f"pci:{space}"))
+        session.until(b"SCRATCH  0x00000000")
+        os.truncate(space, 0)
         session.until(b"1 cannot be read")
         session.until(b"\x1b[31mcannot read SCRATCH: ")
         session.keys(b"q")
