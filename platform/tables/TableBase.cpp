@@ -231,9 +231,16 @@ TableMount& TableBase::_mounted() {
 }
 
 void TableBase::_put(std::span<const std::uint8_t> key, std::span<const std::uint8_t> record) {
-   if (_mounted().put(key, record) && _changes) {
+   const bool isNew = _mounted().put(key, record);
+   if (!_changes) {
+      return;
+   }
+   if (isNew) {
       // What others did under this key before is still to be told, should it be missed.
       _changes->known.set(key, {});
+   } else {
+      // It may be another mount's that is still to be told, and may be removed before that.
+      _changes->known.add(key);
    }
 }
 

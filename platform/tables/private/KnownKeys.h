@@ -72,6 +72,15 @@ public:
       }
    }
 
+   /// There is a record under `key`: of no stamp, unless it is known already.
+   void add(Bytes key) {
+      if (_isShort()) {
+         _short.try_emplace(_number(key));
+      } else {
+         _long.try_emplace(_text(key));
+      }
+   }
+
    void erase(Bytes key) {
       if (_isShort()) {
          _short.erase(_number(key));

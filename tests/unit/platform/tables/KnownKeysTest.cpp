@@ -92,4 +92,15 @@ TEST_P(KnownKeysTest, AKeyOfNoStampIsToldEvenIfItIsThere) {
    EXPECT_THAT(taken(update.changed()), ElementsAre(key('a')));
 }
 
+TEST_P(KnownKeysTest, AnAddedKeyIsMissedAndTheStampOfOneThatWasKnownStays) {
+   known.set(bytes(key('a')), {1, 0});
+   known.add(bytes(key('a')));
+   known.add(bytes(key('b')));
+   known.add(bytes(key('c')));
+   KnownKeys::Update update(known);
+   update.found(bytes(key('a')), {1, 0});
+   update.found(bytes(key('b')), {2, 1});
+   EXPECT_THAT(taken(update.changed()), ElementsAre(key('b'), key('c')));
+}
+
 } // namespace

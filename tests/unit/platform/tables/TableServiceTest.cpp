@@ -8,7 +8,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <fstream>
+#include <map>
+#include <random>
 #include <set>
 
 #include "platform/trace/CaptureScope.h"
@@ -196,6 +199,110 @@ TEST_F(Service, WhatOthersDidBeforeAnOwnWriteIsToldAlsoIfItWasMissed) {
    }
    for (const std::uint32_t key : {0U, 4U, 5U, 6U, 8U, 9U}) {
       EXPECT_FALSE(told.contains(key)) << key;
+   }
+}
+
+// The key was known to nobody: another mount had made it, which was still to be told, and the own
+// write was none of a new key.
+TEST_F(Service, TheRemovalOfAnOwnRecordIsToldAlsoIfAnotherHadMadeItAndAllWasMissed) {
+   writer.table->mount(service, writes());
+   reader.table->mount(service, writes());
+   loop.poll();
+   writer.table->put(record(1));
+   reader.table->put(record(1, 2)); // it believes in this one
+   writer.table->del({1});
+   for (unsigned i = 0; i < 5000; ++i) {
+      writer.table->put(record(7, i));
+   }
+   settle(reader);
+   EXPECT_TRUE(reader.wasTold(1));
+   EXPECT_TRUE(reader.wasTold(7));
+   EXPECT_EQ(reader.told.size(), 2U);
+}
+
+// Two mounts write, remove and make anew, and are told now and then, often of more than the journal
+// holds: what each made of it is what the table has.
+TEST_F(Service, WhoLooksAtWhatItIsToldOfKnowsTheTable) {
+   for (unsigned seed = 1; seed <= 20; ++seed) {
+      SCOPED_TRACE(seed);
+      std::minstd_rand random(seed);
+      std::array<std::map<std::uint32_t, std::uint64_t>, 2> beliefs;
+      std::array<NumberOwner, 2> owners{NumberOwner("random"), NumberOwner("random")};
+      for (std::size_t who : {0U, 1U}) {
+         NumberOwner& owner = owners[who];
+         owner.table->mount(service, writes());
+         owner.onChange = [&, who](std::uint32_t key) {
+            const auto found = owner.table->get({key});
+            beliefs[who].erase(key);
+            if (found) {
+               beliefs[who].emplace(key, found->value);
+            }
+            if (random() % 16 == 0) { // who is told may write, of the same key or of another
+               const NumberRecord own = record(random() % 2 == 0 ? key : random() % 30, random());
+               owner.table->put(own);
+               beliefs[who].insert_or_assign(own.itsKey.value, own.value);
+            }
+         };
+      }
+      for (unsigned step = 0; step < 600; ++step) {
+         const std::size_t who = random() % 2;
+         const std::uint32_t key = random() % 30;
+         switch (random() % 8) {
+         case 0:
+         case 1:
+         case 2: {
+            const std::uint64_t value = random() % 3; // the same one often
+            owners[who].table->put(record(key, value));
+            beliefs[who].insert_or_assign(key, value);
+            break;
+         }
+         case 3:
+         case 4:
+         case 5:
+            if (owners[who].table->del({key})) {
+               beliefs[who].erase(key);
+            }
+            break;
+         case 6:
+            if (random() % 4 == 0) {
+               for (unsigned i = 0; i < 4200; ++i) {
+                  owners[who].table->put(record(100, i));
+               }
+               beliefs[who].insert_or_assign(100, 4199);
+            }
+            break;
+         default:
+            if (random() % 4 == 0) {
+               loop.poll();
+            }
+         }
+      }
+      for (std::size_t who : {0U, 1U}) {
+         owners[who].onChange = [&, who](std::uint32_t key) {
+            const auto found = owners[who].table->get({key});
+            beliefs[who].erase(key);
+            if (found) {
+               beliefs[who].emplace(key, found->value);
+            }
+         };
+      }
+      for (std::size_t who : {0U, 1U}) {
+         const std::size_t other = 1 - who;
+         owners[other].table->put(record(200 + static_cast<std::uint32_t>(other), 1));
+         beliefs[other].insert_or_assign(200 + static_cast<std::uint32_t>(other), 1);
+         ASSERT_TRUE(
+            runUntil([&] { return owners[who].wasTold(200 + static_cast<std::uint32_t>(other)); }));
+      }
+      std::map<std::uint32_t, std::uint64_t> table;
+      owners[0].table->forEach(
+         [&](const NumberRecord& held) { table.emplace(held.itsKey.value, held.value); });
+      EXPECT_EQ(beliefs[0], table);
+      EXPECT_EQ(beliefs[1], table);
+      for (NumberOwner& owner : owners) {
+         owner.onChange = {};
+         owner.table->unmount();
+      }
+      directory.tableDel("random", true);
    }
 }
 
