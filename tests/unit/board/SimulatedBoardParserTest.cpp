@@ -127,6 +127,120 @@ TEST(SimulatedBoardParser, RefusesTwoDevicesInOnePlaceOrOfOneName) {
    EXPECT_EQ(failureOf(i2c + pci), "b.toml:5:15: there are two devices named 'a'");
 }
 
+TEST(SimulatedBoardParser, RefusesWhatIsNoTableOfDevicesAndNoDevice) {
+   EXPECT_EQ(failureOf("[simulate]\ni2c = 3\n"),
+             "b.toml:2:7: 'simulate.i2c' must be a table of devices");
+   EXPECT_EQ(failureOf("[simulate]\nspi = []\n"),
+             "b.toml:2:7: 'simulate.spi' must be a table of devices");
+   EXPECT_EQ(failureOf("[simulate.pci]\na = 3\n"), "b.toml:2:5: 'a' must be a table");
+   EXPECT_EQ(failureOf("[simulate.pci.\"a b\"]\n"),
+             "b.toml:1:15: 'a b' is no name for a device: letters, digits, '_', '-' and '.' only");
+   EXPECT_EQ(failureOf("[simulate.pci.\"\"]\n"),
+             "b.toml:1:15: '' is no name for a device: letters, digits, '_', '-' and '.' only");
+}
+
+TEST(SimulatedBoardParser, RefusesKindsAndDirectionsThatThereAreNot) {
+   EXPECT_EQ(failureOf("[simulate.i2c.a]\nbus = \"/dev/i2c-3\"\naddress = 3\nkind = \"dword\"\n"),
+             "b.toml:4:8: 'dword' is no kind of I2C device: block, word, bytes");
+   EXPECT_EQ(failureOf(i2c + "faults = [{ kind = \"nak\", direction = \"up\" }]\n"),
+             "b.toml:5:39: 'up' is no direction: any, read, write");
+   EXPECT_EQ(failureOf(i2c + "faults = { kind = \"nak\" }\n"),
+             "b.toml:5:10: 'faults' must be an array of tables");
+   EXPECT_EQ(failureOf(i2c + "faults = [\"nak\"]\n"), "b.toml:5:11: a fault must be a table");
+   EXPECT_EQ(failureOf(i2c + "faults = [{ kind = \"nak\", first = 0 }]\n"),
+             "b.toml:5:35: 'first' must be from 0x1 to 0x7fffffffffffffff");
+   EXPECT_EQ(failureOf(i2c + "faults = [{ kind = \"nak\", length = 1 }]\n"),
+             "b.toml:5:27: a fault has no key 'length'");
+}
+
+TEST(SimulatedBoardParser, RefusesAddressesAndSizesThatNoDeviceHas) {
+   const auto at = [](const std::string& address) {
+      return failureOf("[simulate.i2c.a]\nbus = \"/dev/i2c-3\"\naddress = " + address +
+                       "\nkind = \"word\"\n");
+   };
+   EXPECT_EQ(at("2"), "b.toml:3:11: 'address' must be from 0x3 to 0x77");
+   EXPECT_EQ(at("0x78"), "b.toml:3:11: 'address' must be from 0x3 to 0x77");
+   EXPECT_EQ(at("3"), "none");
+   EXPECT_EQ(at("0x77"), "none");
+   EXPECT_EQ(failureOf(i2c + "address_unit = 5\n"),
+             "b.toml:5:16: 'address_unit' must be from 0x1 to 0x4");
+   EXPECT_EQ(failureOf(i2c + "delay_us = 3600000001\n"),
+             "b.toml:5:12: 'delay_us' must be from 0x0 to 0xd693a400");
+   const std::string function = "[simulate.pci.a]\nfunction = \"0000:03:00.0\"\n";
+   EXPECT_EQ(failureOf(function + "size = 6\n"), "b.toml:3:8: 'size' must be a multiple of 4");
+   EXPECT_EQ(failureOf(function + "size = 0\n"),
+             "b.toml:3:8: 'size' must be from 0x4 to 0x40000000");
+   EXPECT_EQ(failureOf(function + "size = 0x40000004\n"),
+             "b.toml:3:8: 'size' must be from 0x4 to 0x40000000");
+   EXPECT_EQ(failureOf(function), "b.toml:1:1: [simulate.pci.a] needs the key 'size'");
+   EXPECT_EQ(failureOf(pci + "resource = 6\n"), "b.toml:4:12: 'resource' must be from 0x0 to 0x5");
+   EXPECT_EQ(failureOf("[simulate.pci.a]\nsize = 4\nfunction = \"0000:03:00.A\"\n"),
+             "b.toml:3:12: 'function' must be of the form \"0000:03:00.0\", in lower-case hex");
+   EXPECT_EQ(failureOf("[simulate.spi.a]\ndevice = \"/dev/spidev01.0\"\n"),
+             "b.toml:2:10: 'device' must be of the form \"/dev/spidevB.C\"");
+}
+
+TEST(SimulatedBoardParser, RefusesRegistersThatTheDeviceDoesNotHave) {
+   const std::string bytes =
+      "[simulate.i2c.a]\nbus = \"/dev/i2c-3\"\naddress = 0x50\nkind = \"bytes\"\n";
+   EXPECT_EQ(failureOf(bytes + "values = { 0x100 = 1 }\n"),
+             "b.toml:5:12: there is no register at 0x100");
+   EXPECT_EQ(failureOf(bytes + "values = { 1 = 0x100 }\n"),
+             "b.toml:5:16: '1' must be from 0x0 to 0xff");
+   EXPECT_EQ(failureOf(bytes + "values = [1]\n"),
+             "b.toml:5:10: 'values' must be a table of registers and their values");
+   EXPECT_EQ(failureOf(bytes + "values = { 0x10 = 1, 16 = 1 }\n"),
+             "b.toml:5:22: the register at 0x10 has two values");
+   EXPECT_EQ(failureOf(pci + "values = { 64 = 1 }\n"), "b.toml:4:12: there is no register at 0x40");
+   EXPECT_EQ(failureOf("[simulate.spi.s]\ndevice = \"/dev/spidev0.0\"\nvalues = { 1 = 65536 }\n"),
+             "b.toml:3:16: '1' must be from 0x0 to 0xffff");
+}
+
+TEST(SimulatedBoardParser, RefusesListsThatCannotBeRead) {
+   const TestSupport::TempDir dir;
+   const std::string file = dir.path("b.toml");
+   const auto failure = [&](const std::string& text) {
+      try {
+         simulatedBoardFromText(text, file);
+      } catch (const FileError& error) {
+         return std::string(error.what()).substr(file.size());
+      }
+      return std::string("none");
+   };
+   const std::string list = dir.path("list.csv");
+   std::ofstream(list) << "number,name,type,writeable,width\n2,SCRATCH,scratch,true,32\n";
+   EXPECT_EQ(failure(i2c + "list = \"list.csv\"\nvalues = { OTHER = 5 }\n"),
+             ":6:12: the list has no register 'OTHER'");
+   EXPECT_EQ(failure(i2c + "list = 3\n"), ":5:8: 'list' must be a string");
+   std::ofstream(list) << "number,name,type,writeable,width\n2,X[3:0],scratch,true,32\n";
+   EXPECT_EQ(failure(i2c + "list = \"list.csv\"\n"),
+             ":5:8: " + list + ":2: this array cannot be expanded");
+   EXPECT_EQ(failure(i2c + "list = \"none.csv\"\n").substr(0, 7), ":5:8: " + list.substr(0, 1));
+}
+
+TEST(SimulatedBoardParser, RefusesMoreDevicesThanThereMayBe) {
+   std::string text;
+   for (unsigned i = 0; i < 1024; ++i) {
+      text += "[simulate.spi.d" + std::to_string(i) + "]\ndevice = \"/dev/spidev0." +
+              std::to_string(i) + "\"\n";
+   }
+   EXPECT_EQ(failureOf(text), "none");
+   EXPECT_EQ(failureOf(text + "[simulate.spi.x]\ndevice = \"/dev/spidev1.0\"\n"),
+             "b.toml:2049:15: more than 1024 devices");
+}
+
+TEST(SimulatedBoardParser, RefusesTwoDevicesInOnePlaceOnEachBus) {
+   EXPECT_EQ(failureOf("[simulate.spi.a]\ndevice = \"/dev/spidev0.0\"\n"
+                       "[simulate.spi.b]\ndevice = \"/dev/spidev0.0\"\n"),
+             "b.toml:4:10: 'a' is at /dev/spidev0.0 already");
+   const std::string other = "[simulate.pci.b]\nfunction = \"0000:03:00.0\"\nsize = 8\n";
+   EXPECT_EQ(failureOf(pci + other + "resource = 0\n"),
+             "b.toml:7:12: 'a' is resource 0 of 0000:03:00.0 already");
+   EXPECT_EQ(failureOf(pci + other + "resource = 1\nvendor = 5\n"),
+             "b.toml:8:10: 'a' gives 0000:03:00.0 other ids");
+   EXPECT_EQ(failureOf(pci + other + "resource = 1\n"), "none");
+}
+
 TEST(SimulatedBoardParser, RefusesAFileWithNothingToSimulate) {
    EXPECT_EQ(failureOf(""), "b.toml:1:1: there is no [simulate] table: nothing to simulate");
    EXPECT_EQ(failureOf("[simulate]\n"), "b.toml:1:1: there is no device to simulate");

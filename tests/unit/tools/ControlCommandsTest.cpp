@@ -1,10 +1,13 @@
 #include "tools/tarnsim/ControlCommands.h"
 
+#include <array>
+#include <cstdint>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "board/SimulatedBoardParser.h"
+#include "tools/tarnsim/SpiDevice.h"
 
 namespace TarnSim {
 namespace {
@@ -17,7 +20,8 @@ protected:
 
    Simulation simulation{Board::simulatedBoardFromText(
       "[simulate.i2c.a]\nbus = \"/dev/i2c-3\"\naddress = 0x50\nkind = \"word\"\n"
-      "[simulate.spi.s]\ndevice = \"/dev/spidev0.0\"\n",
+      "[simulate.spi.s]\ndevice = \"/dev/spidev0.0\"\n"
+      "[simulate.pci.p]\nfunction = \"0000:03:00.0\"\nsize = 64\n",
       "b.toml")};
    ControlCommands commands{simulation};
 };
@@ -51,6 +55,48 @@ TEST_F(ControlCommandsTest, LosesAndReturnsDevices) {
    EXPECT_EQ(run("devices").lines.at(0), "a: i2c /dev/i2c-3 0x50 word, lost");
    EXPECT_TRUE(run("return a").ok);
    EXPECT_EQ(run("devices").lines.at(0), "a: i2c /dev/i2c-3 0x50 word");
+}
+
+TEST_F(ControlCommandsTest, OfAPciResourceThereAreNoFaultsDelaysOrJournal) {
+   for (const char* line : {"fault p nak", "faults p", "clear p", "delay p 1"}) {
+      const auto answer = run(line);
+      EXPECT_FALSE(answer.ok);
+      EXPECT_EQ(answer.lines, Lines{"accesses to a PCI resource go past tarnsim: only 'lose' and "
+                                    "'return' are possible"})
+         << line;
+   }
+   for (const char* line : {"journal p", "forget p"}) {
+      const auto answer = run(line);
+      EXPECT_FALSE(answer.ok);
+      EXPECT_EQ(answer.lines,
+                Lines{"Accesses to a PCI resource go past tarnsim: there is no journal"})
+         << line;
+   }
+}
+
+TEST_F(ControlCommandsTest, JournalsOfSpiDevicesAreListedAndForgotten) {
+   auto* device = dynamic_cast<SpiDevice*>(simulation.device("s"));
+   ASSERT_NE(device, nullptr);
+   std::array<std::uint8_t, 3> in{};
+   device->transfer(std::array<std::uint8_t, 3>{1, 2, 3}, in);
+   EXPECT_EQ(run("journal s").lines, Lines{"transfer: 01 02 03"});
+   EXPECT_EQ(run("get s 1").lines, Lines{"0x203"});
+   EXPECT_TRUE(run("forget s").ok);
+   EXPECT_TRUE(run("journal s").lines.empty());
+}
+
+TEST_F(ControlCommandsTest, AFaultThatThereIsNotIsRefusedAndNotAdded) {
+   EXPECT_EQ(run("fault s rust").lines,
+             Lines{"'rust' is no kind of fault: nak, eio, timeout, short, wrong"});
+   EXPECT_EQ(run("fault s nak direction=up").lines,
+             Lines{"'up' is no direction: any, read, write"});
+   EXPECT_EQ(run("fault s nak first=0").lines, Lines{"accesses count from 1"});
+   EXPECT_EQ(run("fault s nak bits=1").lines, Lines{"a fault has no 'bits=1'"});
+   EXPECT_EQ(run("fault s wrong mask=0x100").lines, Lines{"0x100 is more than 0xff"});
+   EXPECT_EQ(run("fault s").lines,
+             Lines{"usage: fault DEVICE KIND [direction=read|write|any] [first=N] [count=N] "
+                   "[mask=N] [length=N]"});
+   EXPECT_TRUE(run("faults s").lines.empty());
 }
 
 TEST_F(ControlCommandsTest, WhateverALineHoldsTheAnswerIsOnePrintableLine) {
