@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -23,6 +24,7 @@ public:
       std::mutex mutex;
       std::condition_variable changed;
       bool isOpen = true;
+      std::size_t lets = std::numeric_limits<std::size_t>::max(); // through the open gate
       std::size_t arrived = 0;
       std::vector<std::string> journal;
       std::map<std::uint16_t, std::uint32_t> registers;
@@ -34,6 +36,13 @@ public:
       void gateIs(bool open) {
          const std::scoped_lock lock(mutex);
          isOpen = open;
+         changed.notify_all();
+      }
+      /// Opens the gate for so many more, and no others.
+      void letsIn(std::size_t count) {
+         const std::scoped_lock lock(mutex);
+         isOpen = true;
+         lets = count;
          changed.notify_all();
       }
       void awaitArrivals(std::size_t count) {
@@ -65,7 +74,8 @@ public:
       std::unique_lock lock(_state->mutex);
       ++_state->arrived;
       _state->changed.notify_all();
-      _state->changed.wait(lock, [&] { return _state->isOpen; });
+      _state->changed.wait(lock, [&] { return _state->isOpen && _state->lets > 0; });
+      --_state->lets;
       _state->journal.push_back("begin");
       return _state->beginError;
    }

@@ -295,7 +295,27 @@ class Life(unittest.TestCase):
             daemon.await_busy("hanging")
             daemon.signal(signal.SIGTERM)
             wait_for(lambda: daemon.says("Told to end"), "the first signal")
+            self.assertIsNone(daemon.process.poll())
             self.assertEqual(1, daemon.stop())
+            self.assertTrue(daemon.says("Bus 'hanging' is still at work, 0 wait for it"),
+                            daemon.log())
+            self.assertTrue(daemon.says("Ending before all is finished: told to end twice"),
+                            daemon.log())
+            self.assertFalse(daemon.says("the time for that is over"), daemon.log())
+            self.assertEqual(1, daemon.log().count("Told to end"), daemon.log())
+            self.assertFalse(os.path.exists(daemon.path))
+            self.assertTrue(client.is_closed(), "without an answer")
+
+    def test_told_to_look_again_while_it_ends_it_does_not(self):
+        with Daemon(settings="stop_timeout_ms = 1000000") as daemon:
+            client = self.client(daemon)
+            client.send(frame(1, read_register(HANGING, DEVICE, 0x10)))
+            daemon.await_busy("hanging")
+            daemon.signal(signal.SIGTERM)
+            wait_for(lambda: daemon.says("Told to end"), "the first signal")
+            daemon.signal(signal.SIGHUP)
+            self.assertEqual(1, daemon.stop())
+            self.assertFalse(daemon.says("Read the configuration again"), daemon.log())
 
     def test_told_to_look_again_it_serves_the_buses_that_there_are_now(self):
         with Daemon() as daemon, Client(daemon.path) as client:

@@ -125,6 +125,19 @@ class Shadowd(Case):
         self.assertEqual(("stopped", "false", "false"),
                          (state["phase"], state["ready"], state["valid"]))
 
+    def test_told_twice_it_stops_as_if_told_once(self):
+        agent = self.agent()
+        self.await_state(phase="ready")
+        agent.signal(signal.SIGTERM)
+        agent.signal(signal.SIGINT)
+        # The last one may come when all is done, and nobody takes signals any more.
+        self.assertIn(agent.stop(), (0, -signal.SIGINT, -signal.SIGTERM), agent.log())
+        self.assertTrue(agent.says("Stopped"), agent.log())
+        self.assertEqual("stopped", self.state()["phase"])
+        # And leaves nothing in the next one's way.
+        agent = self.agent()
+        self.await_state(phase="ready", pid=agent.process.pid)
+
     def test_a_killed_agent_leaves_nothing_to_clean_up(self):
         agent = self.agent()
         self.await_state(phase="ready")
