@@ -3,16 +3,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
-#include <random>
 
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 #include <fmt/format.h>
-#define XXH_INLINE_ALL
-#include <xxhash.h>
 
 #include "platform/entity/Errors.h"
 #include "platform/entity/TypeBuilder.h"
+#include "platform/hardware/private/NameHash.h"
 
 namespace Hardware {
 
@@ -22,30 +20,19 @@ absl::string_view view(std::string_view text) noexcept {
    return {text.data(), text.size()};
 }
 
-/// Another number in each process: whoever writes a register list must not know which of its
-/// names share a place of the hash table, or he could make loading it take the square of its time.
-std::uint64_t processSeed() {
-   static const std::uint64_t seed = [] {
-      std::random_device random;
-      return std::uint64_t{random()} << 32 | random();
-   }();
-   return seed;
-}
-
-/// Hash and equality of records by their names, and of a name alone. Names are short, and this
-/// hash takes a third of the instructions that the hash table's own takes for them.
-struct NameHash {
+/// Hash and equality of records by their names, and of a name alone.
+struct RecordHash {
    using is_transparent = void;
    std::size_t operator()(const HardwareRegister& record) const noexcept {
-      return (*this)(view(record.name));
+      return hash(record.name);
    }
    std::size_t operator()(absl::string_view name) const noexcept {
-      return XXH3_64bits_withSeed(name.data(), name.size(), seed);
+      return hash({name.data(), name.size()});
    }
-   std::uint64_t seed = processSeed();
+   NameHash hash;
 };
 
-struct NameEq {
+struct RecordEq {
    using is_transparent = void;
    static absl::string_view nameOf(const HardwareRegister& record) noexcept {
       return view(record.name);
@@ -64,7 +51,7 @@ struct NameEq {
 // kept in the hash table itself, found by the name that they carry anyway; one that is filed
 // under another name than its own is the exception and has a table of its own.
 struct HardwareRegisterFile::Maps {
-   absl::flat_hash_set<HardwareRegister, NameHash, NameEq> records;
+   absl::flat_hash_set<HardwareRegister, RecordHash, RecordEq> records;
    absl::flat_hash_map<String, HardwareRegister> recordsUnderOtherNames;
    absl::flat_hash_map<std::uint32_t, String> byAddress;
 

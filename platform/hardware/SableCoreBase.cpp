@@ -5,6 +5,7 @@
 #include <absl/container/flat_hash_set.h>
 
 #include "platform/entity/TypeBuilder.h"
+#include "platform/hardware/private/NameHash.h"
 
 namespace Hardware {
 
@@ -24,17 +25,16 @@ struct SableCoreBase::Registers {
    using Place = std::uint32_t;
 
    /// Hash and equality of places by the names that are there, and of a name alone.
-   struct NameHash {
+   struct PlaceHash {
       using is_transparent = void;
       std::size_t operator()(absl::string_view name) const noexcept {
-         return absl::Hash<absl::string_view>()(name);
+         return hash({name.data(), name.size()});
       }
-      std::size_t operator()(Place place) const noexcept {
-         return (*this)(view((*inOrder)[place].first));
-      }
+      std::size_t operator()(Place place) const noexcept { return hash((*inOrder)[place].first); }
       const InOrder* inOrder;
+      NameHash hash = {};
    };
-   struct NameEq {
+   struct PlaceEq {
       using is_transparent = void;
       bool operator()(Place place, absl::string_view name) const noexcept {
          return view((*inOrder)[place].first) == name;
@@ -43,7 +43,7 @@ struct SableCoreBase::Registers {
       const InOrder* inOrder;
    };
 
-   Registers() : places(0, NameHash{&inOrder}, NameEq{&inOrder}) {}
+   Registers() : places(0, PlaceHash{&inOrder}, PlaceEq{&inOrder}) {}
    Registers(const Registers&) = delete;
    Registers& operator=(const Registers&) = delete;
    ~Registers() = default;
@@ -74,7 +74,7 @@ struct SableCoreBase::Registers {
    }
 
    InOrder inOrder;
-   absl::flat_hash_set<Place, NameHash, NameEq> places;
+   absl::flat_hash_set<Place, PlaceHash, PlaceEq> places;
 };
 
 SableCoreBase::SableCoreBase(String name, Ptr<HardwareRegisterFile> registerFile,
