@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "board/HelpFormat.h"
+#include "board/UsageText.h"
 
 namespace Board {
 
@@ -40,9 +41,8 @@ ServiceCommandLine::ServiceCommandLine(const std::string& name, const std::strin
    helpFormatIs(*_app);
    _app->footer(footer);
    _app->set_version_flag("--version", fmt::format("{} {}", name, version));
-   _app->failure_message([name](const CLI::App* /*app*/, const CLI::Error& error) {
-      return fmt::format("{}: error: {}\nRun {} --help for the command line.\n", name,
-                         unguarded(error.what()), name);
+   _app->failure_message([](const CLI::App* app, const CLI::Error& error) {
+      return usageMessage(*app, unguarded(usageText(*app, error)));
    });
 }
 

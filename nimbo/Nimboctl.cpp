@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "board/HelpFormat.h"
+#include "board/UsageText.h"
 #include "nimbo/Config.h"
 #include "nimbo/StatusClient.h"
 #include "nimbo/StatusTable.h"
@@ -44,9 +45,9 @@ ExitCode runNimboctl(int argc, const char* const* argv, std::ostream& out, std::
       "The daemon is found by its socket, as by its clients. Exit codes: 0 ok; 1 no answer;\n"
       "2 wrong usage. Environment: NM_SOCKET_DIR, NM_SOCKET_FILE.");
    app.set_version_flag("--version", std::string("nimboctl ") + NIMBOD_VERSION);
-   app.failure_message([](const CLI::App* /*app*/, const CLI::Error& error) {
-      return fmt::format("nimboctl: error: {}\nRun nimboctl --help for the command line.\n",
-                         Platform::Trace::escaped(error.what()));
+   app.failure_message([](const CLI::App* parsed, const CLI::Error& error) {
+      return Board::usageMessage(*parsed,
+                                 Platform::Trace::escaped(Board::usageText(*parsed, error)));
    });
    app.require_subcommand(1);
    app.fallthrough();

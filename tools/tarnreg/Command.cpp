@@ -4,6 +4,8 @@
 #include <iostream>
 
 #include "board/HelpFormat.h"
+#include "board/OptionChecks.h"
+#include "board/UsageText.h"
 #include "platform/trace/StderrSink.h"
 #include "platform/trace/Trace.h"
 #include "tools/tarnreg/DevicePlace.h"
@@ -21,17 +23,18 @@ namespace {
 constexpr char guard = '\x01';
 
 /// What is wrong with the command line.
-std::string usageText(const CLI::App& app, const CLI::Error& error) {
-   const std::vector<std::string> rest = app.remaining();
-   if (error.get_name() == "RequiredError" && app.get_subcommands().empty() && !app.get_parent()) {
-      return rest.empty() ? "a verb is needed" : fmt::format("no verb '{}'", rest.front());
-   }
-   std::string text = error.what();
+std::string wrong(const CLI::App& app, const CLI::Error& error) {
+   std::string text = Board::usageText(app, error);
    std::erase(text, guard);
    return text;
 }
 
 } // namespace
+
+CLI::Validator countCheck() {
+   constexpr std::uint64_t most = 0xFFFFFFFF;
+   return Board::wholeNumber(1, most);
+}
 
 CLI::Validator unguarded() {
    return CLI::Validator(
@@ -95,8 +98,7 @@ void Command::_processIs() {
    _app.fallthrough();
    _app.set_version_flag("--version", std::string("tarnreg ") + TARNREG_VERSION);
    _app.failure_message([](const CLI::App* app, const CLI::Error& error) {
-      return fmt::format("tarnreg: error: {}\nRun tarnreg --help for the command line.\n",
-                         printable(usageText(*app, error)));
+      return Board::usageMessage(*app, printable(wrong(*app, error)));
    });
    _globalOptions();
    _verbs();
@@ -155,7 +157,7 @@ void Command::_globalOptions() {
       .add_option("--trace", _session.options.trace,
                   "Trace the library up to this level on standard error")
       ->option_text("0..9")
-      ->check(CLI::Range(0, 9));
+      ->transform(Board::wholeNumber(0, 9));
    _app.add_option("--color", _session.options.color, "When messages are coloured")
       ->option_text("auto|always|never")
       ->transform(oneOf<ColorMode>({{"auto", ColorMode::automatic},
@@ -187,16 +189,7 @@ CLI::Option* Command::_words(CLI::App& verb, const char* name, std::vector<std::
 }
 
 void Command::_seconds(CLI::App& verb, const char* name, double& value, const char* help) {
-   // As much as a year: beyond that the clock's arithmetic ends.
-   verb.add_option(name, value, help)
-      ->option_text("SECONDS")
-      ->check(CLI::Range(0.0, 31536000.0))
-      ->check(CLI::Validator(
-         [](std::string& word) {
-            return word.find_first_of("nN") == std::string::npos ? std::string()
-                                                                 : std::string("is no number");
-         },
-         ""));
+   verb.add_option(name, value, help)->option_text("SECONDS")->check(Board::secondsUpToAYear());
 }
 
 Platform::Tables::TableDirectory Command::_tableDirectory() const {
@@ -303,7 +296,7 @@ Report Command::runLine(const std::vector<std::string>& words) {
    } catch (const CLI::ParseError& error) {
       Report report(*_session.console, words.front(), "registers", _session.options.json,
                     _session.options.base);
-      report.failure(ExitCode::usage, usageText(_app, error));
+      report.failure(ExitCode::usage, wrong(_app, error));
       return report;
    }
    Report report = _report();

@@ -38,6 +38,9 @@ CLI::Validator oneOf(const std::vector<std::pair<std::string, Enum>>& choices) {
       "");
 }
 
+/// What a number of rounds or of changes has to be.
+CLI::Validator countCheck();
+
 /// What takes the character away again that guards a word in brackets; see guardedWords().
 CLI::Validator unguarded();
 

@@ -85,7 +85,7 @@ void Command::_shadowVerbs() {
    _words(*watch, "PATTERN", _arguments.patterns, patternHelp);
    watch->add_option("--count", _arguments.tableCount, "Changes; without it until interrupted")
       ->option_text("N")
-      ->check(CLI::PositiveNumber);
+      ->transform(countCheck());
    _seconds(*watch, "--timeout", _arguments.tableTimeout,
             "Seconds until it ends; with --count, exit code 6 then");
    CLI::App* diff =

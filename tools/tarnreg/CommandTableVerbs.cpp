@@ -60,7 +60,7 @@ void Command::_tableVerbs() {
                      }));
    watch->add_option("--count", _arguments.tableCount, "Changes; without it until interrupted")
       ->option_text("N")
-      ->check(CLI::PositiveNumber);
+      ->transform(countCheck());
    _seconds(*watch, "--timeout", _arguments.tableTimeout,
             "Seconds until it ends; with --count, exit code 6 then");
    CLI::App* audit = _subVerb(

@@ -148,7 +148,7 @@ void Command::_lookVerbs() {
    _seconds(*watch, "--interval", _arguments.watchInterval, "Seconds between two rounds");
    watch->add_option("--count", _arguments.watchCount, "Rounds; without it until interrupted")
       ->option_text("N")
-      ->check(CLI::PositiveNumber);
+      ->transform(countCheck());
    _jsonLines(*watch);
    _accessTimeout(*watch);
 

@@ -5,6 +5,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "board/CommandTree.h"
+
 namespace TarnReg {
 
 namespace {
@@ -19,14 +21,6 @@ constexpr std::pair<std::string_view, WordKind> kinds[] = {{"PATTERN", WordKind:
                                                            {"FILE", WordKind::file},
                                                            {"LIST", WordKind::file},
                                                            {"DIRECTORY", WordKind::file}};
-
-/// What the help calls the value of an option or of a place.
-std::string placeholderOf(const CLI::Option& option) {
-   if (option.get_positional()) {
-      return option.get_name(true, false);
-   }
-   return option.get_option_text().empty() ? option.get_type_name() : option.get_option_text();
-}
 
 /// The words of "hex|dec|bin"; none for a text of another form.
 std::vector<std::string> choicesOf(const std::string& placeholder) {
@@ -54,7 +48,7 @@ public:
          _onlyPlaces = true;
       } else if (_isOption(word)) {
          const std::size_t equals = word.find('=');
-         const CLI::Option* option = _option(word.substr(0, equals));
+         const CLI::Option* option = Board::optionOf(*_verb, word.substr(0, equals));
          if (option && option->get_items_expected_max() > 0 && equals == std::string::npos) {
             _taking = option;
             _left = 1;
@@ -70,10 +64,10 @@ public:
       Completions out;
       const std::size_t equals = word.find('=');
       if (_taking && (_left > 0 || !_isOption(word))) {
-         _value(placeholderOf(*_taking), "", out);
+         _value(Board::placeholderOf(*_taking), "", out);
       } else if (_isOption(word) && equals != std::string::npos) {
-         if (const CLI::Option* option = _option(word.substr(0, equals))) {
-            _value(placeholderOf(*option), word.substr(0, equals + 1), out);
+         if (const CLI::Option* option = Board::optionOf(*_verb, word.substr(0, equals))) {
+            _value(Board::placeholderOf(*option), word.substr(0, equals + 1), out);
          }
       } else if (!_onlyPlaces && word.starts_with('-')) {
          _options(out);
@@ -96,13 +90,8 @@ private:
       return option.get_items_expected_max() >= CLI::detail::expected_max_vector_size;
    }
 
-   static std::vector<const CLI::App*> _verbsOf(const CLI::App& app) {
-      return app.get_subcommands(
-         [](const CLI::App* sub) { return !sub->get_name().empty() && !sub->get_group().empty(); });
-   }
-
    const CLI::App* _subVerb(const std::string& word) const {
-      for (const CLI::App* verb : _verbsOf(*_verb)) {
+      for (const CLI::App* verb : Board::verbsOf(*_verb)) {
          if (verb->get_name() == word) {
             return verb;
          }
@@ -110,36 +99,8 @@ private:
       return nullptr;
    }
 
-   /// Calls `with` for every option that may stand here: the verb's and those of what it belongs
-   /// to, those in groups included.
-   void _forEachOption(const std::function<void(const CLI::Option&)>& with) const {
-      for (const CLI::App* app = _verb; app; app = app->get_parent()) {
-         const auto all = [&](const CLI::App& part) {
-            for (const CLI::Option* option :
-                 part.get_options([](const CLI::Option* one) { return one->nonpositional(); })) {
-               with(*option);
-            }
-         };
-         all(*app);
-         for (const CLI::App* group :
-              app->get_subcommands([](const CLI::App* sub) { return sub->get_name().empty(); })) {
-            all(*group);
-         }
-      }
-   }
-
-   const CLI::Option* _option(const std::string& word) const {
-      const CLI::Option* found = nullptr;
-      _forEachOption([&](const CLI::Option& option) {
-         if (!found && option.check_name(word)) {
-            found = &option;
-         }
-      });
-      return found;
-   }
-
    void _options(Completions& out) const {
-      _forEachOption([&](const CLI::Option& option) {
+      Board::forEachOption(*_verb, [&](const CLI::Option& option) {
          for (const std::string& name : option.get_lnames()) {
             out.words.push_back("--" + name);
          }
@@ -160,7 +121,7 @@ private:
    }
 
    void _place(Completions& out) const {
-      const std::vector<const CLI::App*> verbs = _verbsOf(*_verb);
+      const std::vector<const CLI::App*> verbs = Board::verbsOf(*_verb);
       for (const CLI::App* verb : verbs) {
          out.words.push_back(verb->get_name());
       }
@@ -168,7 +129,7 @@ private:
       for (const CLI::Option* place :
            _verb->get_options([](const CLI::Option* option) { return option->get_positional(); })) {
          if (_takesMany(*place) || left-- == 0) {
-            _value(placeholderOf(*place), "", out);
+            _value(Board::placeholderOf(*place), "", out);
             return;
          }
       }

@@ -25,8 +25,9 @@ std::uint32_t parseNumber(const std::string& text, const std::string& what) {
    try {
       return std::any_cast<std::uint32_t>(
          Platform::valueType<std::uint32_t>().fromText(text, nullptr));
-   } catch (const Platform::RangeError& error) {
-      throw Failure(ExitCode::usage, fmt::format("{}: {}", what, error.what()));
+   } catch (const Platform::RangeError&) {
+      throw Failure(ExitCode::usage,
+                    fmt::format("{}: '{}' is no number from 0 to 0xffffffff", what, text));
    }
 }
 

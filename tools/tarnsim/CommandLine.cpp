@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "board/NearNames.h"
 #include "board/SimulatedBoardParser.h"
 #include "tools/tarnsim/ControlClient.h"
 #include "tools/tarnsim/ExitCode.h"
@@ -69,6 +70,16 @@ int control(std::vector<std::string> words) {
    return static_cast<int>(runControlClient(socket, words));
 }
 
+/// Which options one may have meant, as the end of a message.
+std::string nearOption(std::string_view argument) {
+   Board::NearNames near(argument.substr(0, argument.find('=')));
+   for (const char* name :
+        {"--board", "--check", "--wire-log", "--control", "--help", "--version"}) {
+      near.add(name);
+   }
+   return Board::didYouMean(near.nearest());
+}
+
 /// The value of an option, from "--name=VALUE" or from the argument behind "--name".
 bool takeOption(std::string_view name, const std::vector<std::string>& arguments, std::size_t& at,
                 std::string& value) {
@@ -121,7 +132,7 @@ int run(const std::vector<std::string>& arguments, bool& clean) {
       } else if (!takeOption("--board", arguments, at, options.board) &&
                  !takeOption("--wire-log", arguments, at, options.wireLog) &&
                  !takeOption("--control", arguments, at, options.control)) {
-         failUsage(fmt::format("there is no option {}", argument));
+         failUsage(fmt::format("there is no option {}{}", argument, nearOption(argument)));
       }
    }
    options.command.assign(arguments.begin() + static_cast<std::ptrdiff_t>(at), arguments.end());

@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "board/NearNames.h"
 #include "board/Number.h"
 
 namespace TarnSim {
@@ -45,6 +46,15 @@ const Usage* usageOf(std::string_view name) {
       }
    }
    return nullptr;
+}
+
+/// Which commands one may have meant, as the end of a message.
+std::string nearCommand(std::string_view word) {
+   ::Board::NearNames near(word);
+   for (const Usage& usage : usages) {
+      near.add(usage.name);
+   }
+   return ::Board::didYouMean(near.nearest());
 }
 
 /// What a client sent, as it may go back to him.
@@ -121,8 +131,9 @@ ControlCommands::Answer ControlCommands::run(std::string_view line) {
       }
       const Usage* usage = usageOf(words[0]);
       if (!usage) {
-         throw std::invalid_argument(
-            fmt::format("there is no command '{}'; try 'help'", shown(words[0])));
+         const std::string near = nearCommand(words[0]);
+         throw std::invalid_argument(fmt::format("there is no command '{}'{}", shown(words[0]),
+                                                 near.empty() ? "; try 'help'" : near));
       }
       if (words.size() - 1 < usage->least || words.size() - 1 > usage->most) {
          throw std::invalid_argument(fmt::format("usage: {} {}", usage->name, usage->arguments));
@@ -136,7 +147,12 @@ ControlCommands::Answer ControlCommands::run(std::string_view line) {
 SimulatedDevice& ControlCommands::_device(const Words& words) const {
    SimulatedDevice* device = _simulation.device(words[1]);
    if (!device) {
-      throw std::invalid_argument(fmt::format("there is no device '{}'", shown(words[1])));
+      ::Board::NearNames near(words[1]);
+      for (const auto& each : _simulation.devices()) {
+         near.add(each->name());
+      }
+      throw std::invalid_argument(fmt::format("there is no device '{}'{}", shown(words[1]),
+                                              ::Board::didYouMean(near.nearest())));
    }
    return *device;
 }

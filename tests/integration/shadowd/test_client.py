@@ -177,7 +177,7 @@ class Mock(Client, Case):
                                    (("CTRL=1", "CTLR=2"), 3, "no register CTLR"),
                                    (("CTRL=1", "CTRL"), 2, "CTRL: a write is NAME=VALUE"),
                                    (("CTRL=1",) * 129, 2, "129 writes are too many"),
-                                   ((), 2, "NAME=VALUE is required")):
+                                   ((), 2, "NAME=VALUE is needed: the writes")):
             done = self.shadow("order", *writes)
             self.assertEqual((code, ""), done[:2])
             self.assertIn(text, done[2])

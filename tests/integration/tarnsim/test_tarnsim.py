@@ -303,6 +303,8 @@ class Ends(TarnsimTest):
             result = self.run_raw(TARNSIM, *arguments, env={"TARNSIM_CONTROL": ""})
             self.assertEqual(result.code, 2, arguments)
             self.assertIn("try 'tarnsim --help'", result.err)
+        result = self.run_raw(TARNSIM, "--bord", self.board, "true", env={})
+        self.assertIn("there is no option --bord; did you mean --board?", result.err)
 
     def test_a_bad_board_is_told_with_its_place_and_runs_nothing(self):
         board = self.write("bad.toml", '[simulate.i2c.a]\nbus = "/dev/i2c-1"\nadress = 1\n')

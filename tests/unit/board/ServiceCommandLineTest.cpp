@@ -91,7 +91,7 @@ TEST_F(ServiceCommandLineTest, WhatIsNeededIsMissed) {
    EXPECT_EQ(parse({}), Outcome::parsed);
    needed = true;
    EXPECT_EQ(parse({}), Outcome::wrong);
-   EXPECT_THAT(err, HasSubstr("--file is required"));
+   EXPECT_THAT(err, HasSubstr("--file FILE is needed: a file\n"));
 }
 
 TEST_F(ServiceCommandLineTest, HelpAndVersionAreTold) {

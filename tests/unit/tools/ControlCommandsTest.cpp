@@ -43,6 +43,13 @@ TEST_F(ControlCommandsTest, AddsListsAndClearsFaults) {
    EXPECT_TRUE(run("faults a").lines.empty());
 }
 
+TEST_F(ControlCommandsTest, NamesThatMayBeMeantAreSaid) {
+   EXPECT_EQ(run("loose a").lines, Lines{"there is no command 'loose'; did you mean lose?"});
+   EXPECT_EQ(run("sparkle a").lines, Lines{"there is no command 'sparkle'; try 'help'"});
+   EXPECT_EQ(run("lose A").lines, Lines{"there is no device 'A'; did you mean a?"});
+   EXPECT_EQ(run("lose wrong").lines, Lines{"there is no device 'wrong'"});
+}
+
 TEST_F(ControlCommandsTest, ThereAreOnlySoManyFaults) {
    for (int i = 0; i < 1000; ++i) {
       ASSERT_TRUE(run("fault a nak").ok);

@@ -45,7 +45,8 @@ TEST(NumberFormat, RefusesWhatIsNoUnsigned32BitNumber) {
          FAIL() << text;
       } catch (const TarnReg::Failure& failure) {
          EXPECT_EQ(failure.code(), TarnReg::ExitCode::usage) << text;
-         EXPECT_TRUE(std::string(failure.what()).starts_with("NAME=VALUE: ")) << failure.what();
+         EXPECT_EQ(std::string(failure.what()),
+                   "NAME=VALUE: '" + std::string(text) + "' is no number from 0 to 0xffffffff");
       }
    }
 }
