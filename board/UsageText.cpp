@@ -160,7 +160,7 @@ std::string pair(const std::string& text, std::string_view relation, const char*
 
 std::string usageText(const CLI::App& app, const CLI::Error& error) {
    const CLI::App& verb = verbReached(app);
-   const std::string text = error.what();
+   std::string text = error.what();
    const std::vector<std::string> rest = app.remaining(true);
    const bool isRequired = is<CLI::RequiredError>(error);
    const bool isExtra = is<CLI::ExtrasError>(error);
