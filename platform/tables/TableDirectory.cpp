@@ -92,6 +92,10 @@ void TableDirectory::tableDel(const std::string& name, bool force) const {
    TableFiles::remove(*this, name, force);
 }
 
+void TableDirectory::tableSpoil(const std::string& name) const {
+   TableFiles::spoil(*this, name);
+}
+
 std::string TableDirectory::fileName(std::string_view name) {
    if (name.empty()) {
       throwError(EINVAL, "the name of a table must not be empty");

@@ -38,6 +38,15 @@ public:
    /// and `force` is false; failed system calls.
    void tableDel(const std::string& name, bool force = false) const;
 
+   /// Makes a table useless that is damaged in part: from here on everybody finds it damaged before
+   /// he writes anything, those too who have it mounted. What it holds can still be read through a
+   /// reader's mount, record by record, with TableMount::next(). So that whoever makes a new one of
+   /// what is left has it all. Waits some milliseconds for a writer that is at work; one that is
+   /// stopped in the middle of it is not waited for.
+   ///
+   /// Throws std::system_error: ENOENT (system category) if there is none; failed system calls.
+   void tableSpoil(const std::string& name) const;
+
    /// The name of a table's files, without what follows the dot. Throws std::system_error EINVAL
    /// (generic category) for an empty name, ENAMETOOLONG for one that comes to more than 200 bytes.
    static std::string fileName(std::string_view name);

@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include <fmt/format.h>
@@ -18,10 +20,14 @@
 #include "platform/tables/private/Geometry.h"
 #include "platform/tables/private/MountRegister.h"
 #include "platform/tables/private/TableEditor.h"
+#include "platform/tables/private/TableLock.h"
 
 namespace Platform::Tables {
 
 namespace {
+
+/// A writer is done in a fraction of a microsecond, unless it is not running, or dead.
+constexpr std::chrono::milliseconds spoilPatience{20};
 
 constexpr int common = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
 
@@ -230,6 +236,41 @@ void TableFiles::open(const TableDirectory& directory, const std::string& name, 
    const Place place{lock, directory.path(), file, name};
    make(place, *shape, permissions);
    openFiles(place, role, onOpen);
+}
+
+void TableFiles::spoil(const TableDirectory& directory, const std::string& name) {
+   const std::string file = TableDirectory::fileName(name);
+   const DirectoryLock lock(directory, DirectoryLock::Mode::shared);
+   const Place place{lock, directory.path(), file, name};
+   const FileHandle table = openFile(place, ".tbl", O_RDWR);
+   constexpr Word none = 0; // which is never a sealed word
+   constexpr auto indexOffset =
+      static_cast<off_t>(Geometry::controlOffset + 64 +
+                         sizeof(Word) * static_cast<unsigned>(TableImage::Control::index));
+   struct stat status = {};
+   if (::fstat(table.fd(), &status) != 0 ||
+       status.st_size < static_cast<off_t>(2 * Geometry::pageSize)) {
+      return; // it was cut off, and is no use to anybody
+   }
+   const auto end = std::chrono::steady_clock::now() + spoilPatience;
+   for (;;) {
+      // Every write looks at it first. One that had may be about to put another one there.
+      if (::pwrite(table.fd(), &none, sizeof none, indexOffset) !=
+          static_cast<ssize_t>(sizeof none)) {
+         throwCannot("write", place.pathOf(".tbl"));
+      }
+      std::uint32_t writer = 0;
+      Word index = 0;
+      const bool isRead = ::pread(table.fd(), &writer, sizeof writer, Geometry::controlOffset) ==
+                             static_cast<ssize_t>(sizeof writer) &&
+                          ::pread(table.fd(), &index, sizeof index, indexOffset) ==
+                             static_cast<ssize_t>(sizeof index);
+      if (!isRead || (!TableLock::isTaken(writer) && index == none) ||
+          std::chrono::steady_clock::now() >= end) {
+         return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+   }
 }
 
 void TableFiles::remove(const TableDirectory& directory, const std::string& name, bool force) {

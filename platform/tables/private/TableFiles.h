@@ -45,6 +45,9 @@ struct TableFiles {
 
    /// Removes the files of a table. As TableDirectory::tableDel().
    static void remove(const TableDirectory& directory, const std::string& name, bool force);
+
+   /// Leaves a table without an index. As TableDirectory::tableSpoil().
+   static void spoil(const TableDirectory& directory, const std::string& name);
 };
 
 } // namespace Platform::Tables

@@ -50,6 +50,11 @@ public:
    /// Gives the lock up in the middle of work: the next one takes it as if from the dead.
    void abandon() noexcept { _leave(abandoned); }
 
+   /// Whether a lock with this word may be somebody's, alive or dead.
+   static bool isTaken(std::uint32_t word) noexcept {
+      return (word & ~waitersBit) != 0 && (word & ~waitersBit) != abandoned;
+   }
+
    /// Place of the mount that has the lock, or had it last and died; -1 if nobody has.
    int holder() const noexcept;
 

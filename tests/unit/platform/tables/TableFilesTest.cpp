@@ -3,10 +3,13 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <grp.h>
+#include <sched.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 
 #include "tests/support/EnvironmentVariable.h"
@@ -250,6 +253,77 @@ TEST_F(TableFiles, OfADamagedTableCanBeRemoved) {
    temp.write("tables/table.reg", "nonsense");
    directory.tableDel("table");
    EXPECT_THAT(files(), ElementsAre(".lock"));
+}
+
+TEST_F(TableFiles, OfASpoiledTableEverybodyFindsDamageAndEveryRecordCanBeReadStill) {
+   TableMount before(directory, "table", writer());
+   const TableMount reading(directory, "table", reader());
+   for (std::uint32_t key = 0; key < 50; ++key) {
+      before.put(bytes(key), bytes(key + 100));
+   }
+   directory.tableSpoil("table");
+   EXPECT_THROW(before.put(bytes(1), bytes(2)), CorruptionException);
+   EXPECT_THROW(before.put(bytes(1000), bytes(2)), CorruptionException);
+   EXPECT_THROW(del(before, 1), CorruptionException);
+   EXPECT_THROW(before.checkWrite(bytes(1)), CorruptionException);
+   EXPECT_THROW(get(reading, 1), CorruptionException);
+   EXPECT_THROW(TableMount(directory, "table", writer()), CorruptionException);
+   const TableMount after(directory, "table", reader());
+   EXPECT_EQ(contents(after).size(), 50U);
+   EXPECT_EQ(contents(after).at(bytes(7)), bytes(107));
+   directory.tableSpoil("table"); // is so already
+   EXPECT_EQ(contents(after).size(), 50U);
+}
+
+TEST_F(TableFiles, ThatAreNoneOrNoTableOrCutOffAreSpoiledAlready) {
+   EXPECT_EQ(codeOf([&] { directory.tableSpoil("table"); }), ENOENT);
+   make();
+   EXPECT_EQ(codeOf([&] { directory.tableSpoil("none"); }), ENOENT);
+   temp.write("precious", "x");
+   std::filesystem::create_symlink(temp.path("precious"), file("link.tbl"));
+   EXPECT_EQ(codeOf([&] { directory.tableSpoil("link"); }), ELOOP);
+   EXPECT_EQ(temp.read("precious"), "x");
+   std::filesystem::resize_file(file("table.tbl"), 100);
+   directory.tableSpoil("table");
+   EXPECT_EQ(std::filesystem::file_size(file("table.tbl")), 100U) << "and has not grown";
+}
+
+// As long as a record of a damaged table was read to make a new one of it, others went on writing.
+TEST_F(TableFiles, WhatAWriterWasToldIsWrittenIsThereWhenItsTableIsSpoiled) {
+   auto* const written = static_cast<std::atomic<std::uint32_t>*>(
+      ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+   ASSERT_NE(written, MAP_FAILED);
+   TableShape large = shape();
+   large.maxRecords = 1U << 20;
+   for (std::uint32_t round = 0; round < 30; ++round) {
+      SCOPED_TRACE(round);
+      *written = 0;
+      const bool isNew = round % 2 == 0; // new records, which fill the index anew, or one record
+      ChildProcess child([&] {
+         TableMount mount(directory, "table", writer(large));
+         for (std::uint32_t i = 1;; ++i) {
+            try {
+               mount.put(bytes(isNew ? i : 7), bytes(i));
+            } catch (const CorruptionException&) {
+               return;
+            }
+            *written = i;
+         }
+      });
+      while (*written < 100 + 50 * round) {
+         ::sched_yield();
+      }
+      directory.tableSpoil("table");
+      const auto found = contents(TableMount(directory, "table", reader(large)));
+      EXPECT_TRUE(child.succeeds());
+      if (isNew) {
+         EXPECT_EQ(found.size(), *written);
+      } else {
+         EXPECT_EQ(found.at(bytes(7)), bytes(*written));
+      }
+      directory.tableDel("table", true);
+   }
+   ::munmap(written, 4096);
 }
 
 TEST_F(TableFiles, AreMadeOnceWhenManyProcessesMakeThemAtTheSameTime) {
