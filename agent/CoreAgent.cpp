@@ -282,6 +282,8 @@ void CoreAgent::_mount() {
    if (_claimsLost) {
       _claimAll();
    }
+   // Not before: an agent that ended earlier would leave it to none to make these claims.
+   DamagedTable(_service.directory(), _tables.opsStatus->op().name()).settle();
 
    // What an agent before this one has left says nothing of the hardware as it is now. Each removal
    // is looked into first: the table may have been damaged since it was mounted.
@@ -329,6 +331,9 @@ void CoreAgent::_mountOne(const Mount& mount) {
          throw;
       }
       again(error.what());
+   }
+   if (mount.isRecord && !isClaims) {
+      DamagedTable(_service.directory(), tableName).settle();
    }
    _access.applyToTable(tableName, mount.kind);
 }

@@ -9,16 +9,20 @@
 #include <cerrno>
 #include <cstdio>
 #include <optional>
+#include <set>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include "platform/tables/TableMount.h"
+#include "platform/trace/Trace.h"
 #include "TarnRegFile/Utils.h"
 
 namespace Agent {
 
 namespace {
+
+TARN_TRACE_SOURCE(traceSource, "agent/DamagedTable");
 
 using Platform::Tables::CorruptionException;
 using Platform::Tables::TableMount;
@@ -66,6 +70,13 @@ struct Salvage {
    bool isKnown = false;
 };
 
+/// Whether somebody has put there what is no such table, or one that is not to be written.
+bool isOther(const std::error_code& code) {
+   return code == std::errc::invalid_argument || code == std::errc::too_many_symbolic_link_levels ||
+          code == std::errc::too_many_links || code == std::errc::permission_denied ||
+          code == std::errc::operation_not_permitted;
+}
+
 Salvage salvaged(const Platform::Tables::TableDirectory& directory, const std::string& name,
                  const DamagedTable::IsRecord& isRecord) {
    Salvage salvage;
@@ -102,6 +113,21 @@ Salvage salvaged(const Platform::Tables::TableDirectory& directory, const std::s
    return salvage;
 }
 
+/// What is left from an earlier time, of which `salvage` has nothing newer, is added.
+void added(const Salvage& older, Salvage& salvage) {
+   std::set<Bytes> keys;
+   for (const auto& [key, record] : salvage.records) {
+      keys.insert(key);
+   }
+   for (const auto& entry : older.records) {
+      if (!keys.contains(entry.first)) {
+         salvage.records.push_back(entry);
+      }
+   }
+   salvage.lost += older.lost;
+   salvage.isKnown = false; // who left it may have lost more
+}
+
 void deleted(const Platform::Tables::TableDirectory& directory, const std::string& name) {
    try {
       directory.tableDel(name, true);
@@ -129,6 +155,23 @@ void putAll(const Platform::Tables::TableDirectory& directory, const std::string
    }
 }
 
+/// Puts what was salvaged where it survives the process.
+void saved(const Platform::Tables::TableDirectory& directory, const std::string& name,
+           const TableMount::Options& options, const Salvage& salvage) {
+   try {
+      putAll(directory, name, options, salvage);
+      return;
+   } catch (const CorruptionException&) {
+      // It was looked through already.
+   } catch (const std::system_error& error) {
+      if (!isOther(error.code())) {
+         throw;
+      }
+   }
+   deleted(directory, name);
+   putAll(directory, name, options, salvage);
+}
+
 } // namespace
 
 std::string DamagedTable::_path(const std::string& suffix) const {
@@ -151,13 +194,24 @@ std::string DamagedTable::_keep() const {
    return kept;
 }
 
-/// Removes the table, and cuts it off under who has it mounted.
+/// Removes the table, and cuts it off under who has it mounted: first, as nobody finds the file
+/// again once its name has gone.
 void DamagedTable::_remove() const {
    const UnixFdRes old(::open(_path(".tbl").c_str(), O_WRONLY | safely));
    const UnixFdRes bell(::open(_path(".bell").c_str(), O_WRONLY | safely));
-   deleted(_directory, _name);
    // Closing the bell wakes who sleeps; that nothing more can be done for them is no failure.
    static_cast<void>(old.fd() >= 0 && ::ftruncate(old.fd(), 0) == 0);
+   deleted(_directory, _name);
+}
+
+/// Nobody writes the table any more.
+void DamagedTable::_close() const {
+   try {
+      _directory.tableSpoil(_name);
+   } catch (const std::system_error& error) {
+      // One that only another user may write is replaced as it is.
+      TARN_TRACE(traceSource, 1, "close", "{}", error.what());
+   }
 }
 
 bool DamagedTable::isInterrupted() const {
@@ -169,7 +223,14 @@ bool DamagedTable::isInterrupted() const {
 DamagedTable::Outcome DamagedTable::finish(const Platform::Tables::TableShape& shape,
                                            const Platform::Tables::TableBase::MountOptions& options,
                                            const IsRecord& isRecord) const {
-   const Salvage salvage = salvaged(_directory, _spareName(), isRecord);
+   Salvage salvage;
+   try {
+      salvage = salvaged(_directory, _spareName(), isRecord);
+   } catch (const std::system_error& error) {
+      if (!isOther(error.code()) || error.code() == std::errc::permission_denied) {
+         throw; // its records may be readable for somebody else
+      }
+   }
    Outcome outcome;
    outcome.lost = salvage.lost;
    {
@@ -182,8 +243,11 @@ DamagedTable::Outcome DamagedTable::finish(const Platform::Tables::TableShape& s
          }
       }
    }
-   deleted(_directory, _spareName());
    return outcome;
+}
+
+void DamagedTable::settle() const {
+   deleted(_directory, _spareName());
 }
 
 DamagedTable::Outcome
@@ -192,16 +256,20 @@ DamagedTable::replace(const Platform::Tables::TableShape& shape,
                       const IsRecord& isRecord) const {
    Salvage salvage;
    if (isRecord) {
+      _close();
       salvage = salvaged(_directory, _name, isRecord);
-      // What it may have from before is older than what the table has.
-      const bool isSecond = isInterrupted();
-      try {
-         putAll(_directory, _spareName(), mountOptions(shape, options), salvage);
-      } catch (const CorruptionException&) {
-         deleted(_directory, _spareName());
-         putAll(_directory, _spareName(), mountOptions(shape, options), salvage);
+      if (isInterrupted()) {
+         Salvage older;
+         try {
+            older = salvaged(_directory, _spareName(), isRecord);
+         } catch (const std::system_error& error) {
+            if (!isOther(error.code())) {
+               throw;
+            }
+         }
+         added(older, salvage);
       }
-      salvage.isKnown = salvage.isKnown && !isSecond;
+      saved(_directory, _spareName(), mountOptions(shape, options), salvage);
    }
    const std::string file = _keep();
    _remove();
@@ -212,7 +280,7 @@ DamagedTable::replace(const Platform::Tables::TableShape& shape,
       static_cast<void>(TableMount(_directory, _name, mountOptions(shape, options)));
    }
    outcome.file = file;
-   outcome.lost += salvage.lost;
+   outcome.lost = std::max(outcome.lost, salvage.lost);
    outcome.isKnown = salvage.isKnown;
    return outcome;
 }

@@ -19,9 +19,10 @@ namespace Agent {
 /// everybody who still has it mounted, so that each of them meets the damage too, and nobody goes
 /// on reading what is not true any more, or writing what nobody is going to read.
 ///
-/// What can be read of a damaged table is put into another one, NAME/salvaged, before anything is
-/// removed, and that one goes when the new table has it all. So nothing of it is lost when the
-/// process is killed in the middle; whoever mounts the table next looks whether it was.
+/// First of all nobody can write it any more, so that nothing is accepted that is not looked at.
+/// What can be read of it is put into another table, NAME/salvaged, before anything is removed,
+/// and that one goes with settle(), when the new table has it all. So nothing of it is lost when
+/// the process is killed in the middle; whoever mounts the table next looks whether it was.
 class DamagedTable {
 public:
    /// Whether these bytes are a record of the table, under its key.
@@ -38,7 +39,8 @@ public:
    DamagedTable(Platform::Tables::TableDirectory directory, std::string name)
       : _directory(std::move(directory)), _name(std::move(name)) {}
 
-   /// Whether a process has ended in the middle of a replacement that keeps records.
+   /// Whether a replacement that keeps records was begun and is not settled: who began it has
+   /// ended in the middle.
    bool isInterrupted() const;
 
    /// Does the rest of a replacement that was interrupted. A record that the table has is newer,
@@ -56,11 +58,16 @@ public:
                    const Platform::Tables::TableBase::MountOptions& options,
                    const IsRecord& isRecord) const;
 
+   /// Ends what finish() or replace() did: called when everything that follows from the outcome has
+   /// been done. Until then it counts as interrupted.
+   void settle() const;
+
 private:
    std::string _spareName() const { return _name + "/salvaged"; }
    std::string _path(const std::string& suffix) const;
    std::string _keep() const;
    void _remove() const;
+   void _close() const;
 
    const Platform::Tables::TableDirectory _directory;
    const std::string _name;

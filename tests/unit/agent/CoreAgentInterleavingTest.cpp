@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -332,6 +333,31 @@ TEST_F(CoreAgentInterleavingTest, AReplacementThatAnAgentWasKilledInIsFinishedBy
    EXPECT_THAT(written(), ElementsAre("guarded write 0x8 0x55"))
       << "whether the operation was begun is not known";
    EXPECT_EQ(wishesNew()->regMap().get(CoreRegisterKey(8)), wish(8, 0x55));
+   EXPECT_EQ(outcomesNew()->op().get(id).value().regKeyCount(), 0u);
+   EXPECT_THAT(tables.directory().tableNames(), Not(Contains(HasSubstr("salvaged"))));
+}
+
+// The new table was complete, and nothing told the next agent that claims had been lost.
+TEST_F(CoreAgentInterleavingTest, AnAgentThatIsKilledBeforeItHasEndedWhatWaitsLeavesThatToTheNext) {
+   const auto ops = opsNew();
+   ops->opIs(operation());
+   outcomesNew()->opIs(OrderedRegisterOp(id)); // an agent before had begun it
+   controls.back()->unmount();
+   damage("ops-status");
+   const pid_t child = ::fork();
+   if (child == 0) {
+      const WhenTraced killed("table 'fpga/ops-status' was damaged", [] { ::raise(SIGKILL); });
+      make();
+      ::_exit(0);
+   }
+   int status = 0;
+   ASSERT_EQ(::waitpid(child, &status, 0), child);
+   ASSERT_TRUE(WIFSIGNALED(status));
+
+   make();
+   ASSERT_TRUE(untilReady(1));
+   ASSERT_TRUE(until([&] { return !ops->op().has(id); }));
+   EXPECT_THAT(written(), testing::IsEmpty()) << "it may have been carried out already";
    EXPECT_EQ(outcomesNew()->op().get(id).value().regKeyCount(), 0u);
    EXPECT_THAT(tables.directory().tableNames(), Not(Contains(HasSubstr("salvaged"))));
 }

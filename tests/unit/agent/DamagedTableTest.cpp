@@ -52,10 +52,10 @@ protected:
    std::string file(const std::string& suffix) const { return directory.path("tables/t" + suffix); }
 
    /// Damages the record of a key.
-   void damage(std::uint32_t key) const {
-      const int fd = ::open(file(".tbl").c_str(), O_RDWR);
+   void damage(std::uint32_t key, const std::string& suffix = ".tbl") const {
+      const int fd = ::open(file(suffix).c_str(), O_RDWR);
       const std::uint32_t value = 0xabcd0000 + key;
-      const auto size = static_cast<std::size_t>(std::filesystem::file_size(file(".tbl")));
+      const auto size = static_cast<std::size_t>(std::filesystem::file_size(file(suffix)));
       std::string content(size, '\0');
       ASSERT_EQ(::pread(fd, content.data(), size, 0), static_cast<ssize_t>(size));
       const std::size_t at =
@@ -70,17 +70,22 @@ protected:
       const DamagedTable table(tables, "t");
       const TableBase::MountOptions options{.role = TableRole::writer};
       try {
+         DamagedTable::Outcome outcome;
          if (table.isInterrupted()) {
-            return table.finish(shape(), options, all());
+            outcome = table.finish(shape(), options, all());
          }
          const TableMount mount(tables, "t", {.role = TableRole::writer});
-         return {};
+         table.settle();
+         return outcome;
       } catch (const CorruptionException&) {
-         return table.replace(shape(), options, all());
+         return replace(all());
       }
    }
    DamagedTable::Outcome replace(const DamagedTable::IsRecord& isRecord) {
-      return DamagedTable(tables, "t").replace(shape(), {.role = TableRole::writer}, isRecord);
+      const DamagedTable table(tables, "t");
+      const auto outcome = table.replace(shape(), {.role = TableRole::writer}, isRecord);
+      table.settle();
+      return outcome;
    }
    static DamagedTable::IsRecord all() {
       return [](auto key, auto record) { return key.size() == 4 && record.size() == 4; };
@@ -162,10 +167,127 @@ TEST_F(DamagedTableTest, NoLinkIsFollowed) {
    EXPECT_EQ(directory.read("precious"), "x");
 }
 
-TEST_F(DamagedTableTest, KilledAtAnySystemCallItLosesNothing) {
+// Of what was written while the rest was read, nobody knew.
+TEST_F(DamagedTableTest, WhatIsWrittenMeanwhileIsRefusedOrKept) {
+   TableMount client(tables, "t", {.role = TableRole::writer});
+   damage(7);
+   std::size_t refused = 0;
+   std::size_t accepted = 0;
+   const auto outcome = replace([&](auto key, auto) {
+      // The record has been read, and another client replaces it.
+      try {
+         client.put(key, bytesOf(0x1111));
+         ++accepted;
+      } catch (const CorruptionException&) {
+         ++refused;
+      }
+      return true;
+   });
+   EXPECT_GE(accepted + refused, 99u);
+   EXPECT_EQ(outcome.kept, 99u);
+   const TableMount mount(tables, "t", {});
+   std::vector<std::uint64_t> record(mount.recordWords());
+   std::size_t found = 0;
+   for (std::uint32_t key = 1; key <= 100; ++key) {
+      if (mount.get(bytesOf(key), record)) {
+         found += static_cast<std::uint32_t>(record.front()) == 0x1111 ? 1U : 0U;
+      }
+   }
+   EXPECT_EQ(found, accepted) << "what was accepted is there";
+}
+
+TEST_F(DamagedTableTest, WhatIsRemovedMeanwhileIsRefusedOrStaysAway) {
+   TableMount client(tables, "t", {.role = TableRole::writer});
+   damage(7);
+   std::vector<std::uint64_t> record(client.recordWords());
+   std::size_t removed = 0;
+   replace([&](auto key, auto) {
+      try {
+         removed += client.del(key, record) ? 1U : 0U;
+      } catch (const CorruptionException&) {
+         // It is told.
+      }
+      return true;
+   });
+   EXPECT_EQ(count(), 99u - removed);
+}
+
+TEST_F(DamagedTableTest, UntilItIsSettledItCountsAsInterrupted) {
+   const DamagedTable table(tables, "t");
+   damage(7);
+   table.replace(shape(), {.role = TableRole::writer}, all());
+   EXPECT_TRUE(table.isInterrupted());
+   table.settle();
+   EXPECT_FALSE(table.isInterrupted());
+   table.settle(); // which is done
+   table.replace(shape(), {.role = TableRole::writer}, {});
+   EXPECT_FALSE(table.isInterrupted()) << "nothing was salvaged";
+}
+
+TEST_F(DamagedTableTest, ALinkInThePlaceOfTheSavedRecordsIsNotFollowedAndNoObstacle) {
+   directory.write("precious", "x");
+   std::filesystem::create_symlink(directory.path("precious"), file("%2Fsalvaged.tbl"));
+   EXPECT_EQ(mend().kept, 0u);
+   EXPECT_EQ(count(), 100u);
+   std::filesystem::create_symlink(directory.path("precious"), file("%2Fsalvaged.tbl"));
+   damage(7);
+   EXPECT_EQ(mend().kept, 99u);
+   EXPECT_EQ(directory.read("precious"), "x");
+   EXPECT_THAT(tables.tableNames(), testing::ElementsAre("t"));
+}
+
+TEST_F(DamagedTableTest, WhatStandsInThePlaceOfTheSavedRecordsIsNoObstacle) {
+   TableShape other = shape();
+   other.keySize = 12;
+   other.recordType = "Other";
+   {
+      TableMount mount(tables, "t/salvaged",
+                       {.role = TableRole::writer, .shape = other, .create = true});
+      mount.put(Bytes(12, 1), Bytes(4, 1));
+   }
+   damage(7);
+   const auto outcome = mend();
+   EXPECT_EQ(outcome.kept, 99u);
+   EXPECT_GE(outcome.lost, 1u);
+   EXPECT_FALSE(outcome.isKnown);
+   EXPECT_EQ(count(), 99u);
+   EXPECT_THAT(tables.tableNames(), testing::ElementsAre("t"));
+}
+
+// They went with the table that they were saved in.
+TEST_F(DamagedTableTest, WhatOnlyADamagedTableOfSavedRecordsHasIsKeptAsFarAsItCanBeRead) {
+   {
+      TableMount spare(tables, "t/salvaged",
+                       {.role = TableRole::writer, .shape = shape(), .create = true});
+      for (std::uint32_t key = 200; key < 210; ++key) {
+         spare.put(bytesOf(key), bytesOf(0xabcd0000 + key));
+      }
+      spare.put(bytesOf(8), bytesOf(0x11)); // older
+   }
+   damage(7);
+   damage(203, "%2Fsalvaged.tbl");
+   const auto outcome = mend();
+   EXPECT_EQ(outcome.kept, 99u + 9u);
+   EXPECT_FALSE(outcome.isKnown);
+   const TableMount mount(tables, "t", {});
+   EXPECT_EQ(mount.count(), 99u + 9u);
+   std::vector<std::uint64_t> record(mount.recordWords());
+   ASSERT_EQ(mount.get(bytesOf(8), record), 4u);
+   EXPECT_EQ(static_cast<std::uint32_t>(record.front()), 0xabcd0008)
+      << "what the table has is newer";
+   EXPECT_EQ(mount.get(bytesOf(204), record), 4u);
+   EXPECT_EQ(mount.get(bytesOf(203), record), std::nullopt);
+   EXPECT_THAT(tables.tableNames(), testing::ElementsAre("t"));
+}
+
+// Who had the table mounted was left on it for ever, if the process was killed between the removal
+// of its name and that of its contents.
+TEST_F(DamagedTableTest, KilledAtAnySystemCallItLosesNothingAndLeavesNobodyOnTheOldOne) {
    std::size_t calls = 0;
    std::size_t finished = 0;
    for (bool isDone = false; !isDone; calls += 2) { // each call is met at its begin and at its end
+      const TableMount reader(tables, "t", {});
+      TableMount writer(tables, "t", {.role = TableRole::writer});
       damage(7);
       {
          Torture::Tracee process([] {}, [this] { replace(all()); });
@@ -182,6 +304,9 @@ TEST_F(DamagedTableTest, KilledAtAnySystemCallItLosesNothing) {
       EXPECT_FALSE(DamagedTable(tables, "t").isInterrupted()) << calls;
       EXPECT_THAT(tables.tableNames(), testing::ElementsAre("t"));
       ASSERT_EQ(count(), 99u) << "killed at system call " << calls;
+      std::vector<std::uint64_t> record(reader.recordWords());
+      EXPECT_THROW(reader.get(bytesOf(8), record), CorruptionException) << calls;
+      EXPECT_THROW(writer.put(bytesOf(8), bytesOf(1)), CorruptionException) << calls;
       TableMount mount(tables, "t", {.role = TableRole::writer});
       mount.put(bytesOf(7), bytesOf(0xabcd0007));
    }
