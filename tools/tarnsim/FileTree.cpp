@@ -15,6 +15,7 @@
 
 #include <fmt/format.h>
 
+#include "tools/tarnsim/Failure.h"
 #include "tools/tarnsim/SystemError.h"
 
 namespace TarnSim {
@@ -95,6 +96,11 @@ FileTree::FileTree() {
    enterNamespaces();
    // Nothing that happens to our mounts reaches the rest of the machine.
    if (::mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0) {
+      if (errno == EINVAL) {
+         throw Failure("the root directory is no mount point, as in a chroot, and what is mounted "
+                       "here could be seen outside; mount --bind DIRECTORY DIRECTORY before the "
+                       "chroot makes it one");
+      }
       failErrno("the kernel forbids to change a mount namespace");
    }
 }

@@ -280,6 +280,40 @@ class View(TarnsimTest):
         self.assertEqual(self.shell("id -u; id -g; pwd").out, expected)
 
 
+class Chroot(TarnsimTest):
+    """A root directory that is a folder of a larger file system, with what a program needs in it."""
+
+    FOLDERS = ("usr", "bin", "lib", "lib64", "proc", "dev", "sys")
+
+    def in_chroot(self, before, command):
+        root = self.path("root")
+        script = ["set -e", before.replace("ROOT", root)]
+        for folder in [f"/{name}" for name in self.FOLDERS] + [os.path.dirname(TARNSIM)]:
+            if os.path.isdir(folder):
+                os.makedirs(root + folder, exist_ok=True)
+                script.append(f"mount --rbind {folder} {root}{folder}")
+        shutil.copy(self.board, root)
+        libraries = os.path.join(os.path.dirname(os.path.dirname(TARNSIM)), "lib")
+        if os.path.isdir(libraries):
+            os.makedirs(root + libraries, exist_ok=True)
+            script.append(f"mount --rbind {libraries} {root}{libraries}")
+        script.append(f"exec chroot {root} {TARNSIM} --board /board.toml -- {command}")
+        return self.run_raw("unshare", "--user", "--map-root-user", "--mount",
+                            "sh", "-c", "\n".join(script))
+
+    def test_whose_directory_is_no_mount_point_is_refused_with_the_remedy(self):
+        result = self.in_chroot("", "touch /dev/spidev0.1")
+        self.assertEqual(
+            (result.code, result.out, result.err),
+            (125, "", "tarnsim: the root directory is no mount point, as in a chroot, and what is "
+                      "mounted here could be seen outside; mount --bind DIRECTORY DIRECTORY before "
+                      "the chroot makes it one\n"))
+
+    def test_whose_directory_is_bound_to_itself_is_a_root_like_any_other(self):
+        result = self.in_chroot("mount --rbind ROOT ROOT", "ls /dev/spidev0.1")
+        self.assertEqual((result.code, result.out, result.err), (0, "/dev/spidev0.1\n", ""))
+
+
 class Ends(TarnsimTest):
     def test_the_commands_status_is_ours(self):
         self.assertEqual(self.shell("exit 7").code, 7)
