@@ -61,6 +61,10 @@ inline constexpr const char* valuesFileVariable = "REG_VALUES_FILE";
 inline constexpr const char* socketDirectoryVariable = "NM_SOCKET_DIR";
 inline constexpr const char* socketFileVariable = "NM_SOCKET_FILE";
 
+/// What they are where the environment says nothing.
+inline constexpr const char* defaultSocketDirectory = "/var/run/platform";
+inline constexpr const char* defaultSocketFile = "smbus";
+
 /// Says in one line of text how a device is reached, "scheme:rest":
 ///
 ///     mock:                              in memory, and in the file that REG_VALUES_FILE names

@@ -49,6 +49,20 @@ std::string listProblem(const std::string& file) {
    return "";
 }
 
+std::string orElse(const char* variable, const char* otherwise) {
+   const char* found = std::getenv(variable);
+   return found ? found : otherwise;
+}
+
+/// Where the daemon of smbus: was looked for, and what to do about it.
+std::string daemonHint() {
+   return fmt::format(
+      "; looked for at {}/{}: start nimbod, or say with ?socket=PATH, NM_SOCKET_DIR "
+      "or NM_SOCKET_FILE where it listens",
+      orElse(Board::socketDirectoryVariable, Board::defaultSocketDirectory),
+      orElse(Board::socketFileVariable, Board::defaultSocketFile));
+}
+
 /// Sets an environment variable back, at the end of the scope, to what it is now.
 class EnvironmentKept {
 public:
@@ -116,7 +130,8 @@ void Device::_open(const std::string& file, const Board::TransportUrl& url) {
       _method->init(descriptor, file);
       if (const auto* sorn = dynamic_cast<TarnRegFile::I2cTransportSornImpl*>(_method->implPtr())) {
          _sorn = sorn->sorn();
-         _pending = Platform::make<PendingAccesses>(sorn->sm());
+         _pending =
+            Platform::make<PendingAccesses>(sorn->sm(), std::get<Board::SornAt>(_where).path);
          _method->asyncHelperIs(_pending);
       }
    } catch (const std::exception& error) {
@@ -129,7 +144,10 @@ void Device::_open(const std::string& file, const Board::TransportUrl& url) {
                        fmt::format("values file {}: a line does not hold two decimal numbers",
                                    url.valuesFile()));
       }
-      throw Failure(ExitCode::deviceError, fmt::format("{}: {}", url.text(), error.what()));
+      throw Failure(
+         ExitCode::deviceError,
+         fmt::format("{}: {}{}", url.text(), error.what(),
+                     std::holds_alternative<Board::SmbusAt>(_where) ? daemonHint() : ""));
    }
 }
 

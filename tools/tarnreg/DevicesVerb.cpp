@@ -8,6 +8,9 @@
 namespace TarnReg {
 
 void listDevices(const Board::BoardFile& board, Report& report) {
+   if (board.devices().empty()) {
+      report.nothing(fmt::format("{} describes no devices", board.path()));
+   }
    std::size_t nameWidth = 0;
    for (const Board::DeviceEntry& device : board.devices()) {
       nameWidth = std::max(nameWidth, shownName(device.name).size());

@@ -92,6 +92,9 @@ void diffDump(Device& device, const SavedDump& dump, const std::vector<std::stri
               Report& report) {
    device.requireReadable();
    Selection selection;
+   if (dump.entries().empty()) {
+      report.nothing("the dump has no registers");
+   }
    if (patterns.empty()) {
       for (const auto& [name, value] : dump.entries()) {
          if (const HardwareRegister* record = device.find(name)) {

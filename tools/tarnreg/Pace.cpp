@@ -1,13 +1,13 @@
 #include "tools/tarnreg/Pace.h"
 
 #include <algorithm>
-#include <thread>
+
+#include "tools/tarnreg/OutputReader.h"
 
 namespace TarnReg {
 
 Pace Pace::real() {
-   return {[] { return Clock::now(); },
-           [](Clock::duration duration) { std::this_thread::sleep_for(duration); }};
+   return {[] { return Clock::now(); }, sleepWhileRead};
 }
 
 std::uint32_t millisecondsOf(Pace::Clock::duration duration) {

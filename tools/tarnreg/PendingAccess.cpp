@@ -43,12 +43,12 @@ void PendingAccesses::_done(bool isRead, const std::string& name, RegAccessResul
       access->value = value;
    } else {
       const Hardware::SornRequest& request = *_sm->told()->i2cRequest();
-      access->failure.emplace(request.status() == Hardware::SornStatus::timedOut
-                                 ? ExitCode::timeout
-                                 : ExitCode::deviceError,
-                              fmt::format("cannot {} {}: {}: {}", isRead ? "read" : "write",
-                                          shownName(name), Platform::enumString(request.status()),
-                                          std::generic_category().message(request.error())));
+      access->failure.emplace(
+         request.status() == Hardware::SornStatus::timedOut ? ExitCode::timeout
+                                                            : ExitCode::deviceError,
+         fmt::format("cannot {} {}: {}: {}: {}", isRead ? "read" : "write", shownName(name), _bus,
+                     Platform::enumString(request.status()),
+                     std::generic_category().message(request.error())));
    }
    access->isDone = true;
 }

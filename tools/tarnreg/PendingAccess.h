@@ -26,8 +26,9 @@ struct PendingAccess {
 /// arrive in the order in which they were asked for.
 class PendingAccesses : public TarnRegFile::AsyncHelperBase {
 public:
-   explicit PendingAccesses(const Platform::Ptr<TarnRegFile::I2cTransportSornImplSm>& sm)
-      : _sm(sm) {}
+   /// `bus` is where the device is, for failures.
+   PendingAccesses(const Platform::Ptr<TarnRegFile::I2cTransportSornImplSm>& sm, std::string bus)
+      : _sm(sm), _bus(std::move(bus)) {}
    ~PendingAccesses() override;
 
    /// Whose result the next one of that register and kind is.
@@ -43,6 +44,7 @@ private:
               std::uint32_t value);
 
    const Platform::Ptr<TarnRegFile::I2cTransportSornImplSm> _sm;
+   const std::string _bus;
    std::map<std::pair<bool, std::string>, std::deque<std::shared_ptr<PendingAccess>>> _waiting;
 };
 

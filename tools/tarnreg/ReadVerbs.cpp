@@ -50,9 +50,14 @@ void dumpRegisters(Device& device, const std::vector<std::string>& patterns, boo
    device.requireReadable();
    Selection selection = selectAll(device, patterns, report);
    if (!all) {
+      const bool hadAny = !selection.empty();
       std::erase_if(selection, [](const HardwareRegister* record) {
          return HardwareRegister::regTypeToString(record->type) == "cfg";
       });
+      if (hadAny && selection.empty()) {
+         report.nothing(
+            "all of them are configuration registers (type cfg), which --all reads too");
+      }
    }
    readSelection(device, selection, report);
 }

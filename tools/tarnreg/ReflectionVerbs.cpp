@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "board/NearNames.h"
 #include "platform/entity/Errors.h"
 #include "platform/entity/TypeData.h"
 #include "tools/tarnreg/Failure.h"
@@ -120,6 +121,17 @@ std::vector<std::string> typeNames() {
    return names;
 }
 
+std::vector<std::string> operationNames() {
+   std::vector<std::string> names;
+   for (const TypeData* type = &TarnRegFile::TransportMethod::staticType(); type;
+        type = type->base()) {
+      for (const auto& operation : type->operations()) {
+         names.emplace_back(operation.name);
+      }
+   }
+   return names;
+}
+
 void describeType(const std::string& name, Report& report) {
    if (name.empty()) {
       for (const TypeData* type : knownTypes()) {
@@ -130,8 +142,13 @@ void describeType(const std::string& name, Report& report) {
    }
    const TypeData* type = findType(name);
    if (!type) {
+      Board::NearNames near(name);
+      for (const std::string& each : typeNames()) {
+         near.add(each);
+      }
       throw Failure(ExitCode::unknownName,
-                    fmt::format("no type {}; describe without a name lists them", name));
+                    fmt::format("no type {}; describe without a name lists them{}", name,
+                                Board::didYouMean(near.nearest())));
    }
    std::string text = type->describe();
    text.pop_back(); // the row ends the last line
@@ -143,9 +160,13 @@ void callOperation(Device& device, const std::string& operation,
    TarnRegFile::TransportMethod& method = device.method();
    const Platform::OperationData* row = method.typeData().findOperation(operation);
    if (!row) {
-      throw Failure(
-         ExitCode::unknownName,
-         fmt::format("no operation {}; describe TransportMethod lists them", shownName(operation)));
+      Board::NearNames near(operation);
+      for (const std::string& each : operationNames()) {
+         near.add(each);
+      }
+      throw Failure(ExitCode::unknownName,
+                    fmt::format("no operation {}; describe TransportMethod lists them{}",
+                                shownName(operation), Board::didYouMean(near.nearest())));
    }
    requireRegister(device, *row, arguments);
    if ((operation == "regReadArray" || operation == "regWriteArray") && !device.hasBlockAccess()) {

@@ -149,6 +149,12 @@ void Report::event(const std::string& line, nlohmann::ordered_json element) {
    }
 }
 
+void Report::nothing(const std::string& why) {
+   if (!_structured()) {
+      _console.note(why);
+   }
+}
+
 void Report::failure(ExitCode code, const std::string& text, const std::string& name) {
    _exit = worse(_exit, code);
    _console.data().flush();

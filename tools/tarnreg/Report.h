@@ -75,6 +75,10 @@ public:
    /// What a person should know of the data, said at once on standard error.
    void warning(const std::string& text) { _console.warning(text); }
 
+   /// Why there are no results, said on standard error to a person, who might think otherwise that
+   /// nothing happened. JSON says it by itself.
+   void nothing(const std::string& why);
+
    /// A failure: said at once on standard error, kept for the document and the exit code.
    void failure(ExitCode code, const std::string& text, const std::string& name = {});
 

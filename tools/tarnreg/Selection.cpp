@@ -10,6 +10,9 @@ namespace TarnReg {
 
 Selection selectAll(Device& device, const std::vector<std::string>& patterns, Report& report) {
    if (patterns.empty()) {
+      if (device.registers().empty()) {
+         report.nothing("the register list has no registers");
+      }
       return device.registers();
    }
    Selection selected;

@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "board/NearNames.h"
 #include "platform/entity/EventLoop.h"
 #include "platform/tables/TableService.h"
 #include "TarnRegFile/CoreMonitor.h"
@@ -25,7 +26,7 @@ using TarnRegFile::Sable::OwnerLife;
 namespace {
 
 constexpr std::string_view stateTable = "/state";
-constexpr const char* noState = "core '{}': no owner of it has shown itself";
+constexpr const char* noState = "core '{}': no owner of it has shown itself{}";
 
 /// Seconds since a monotonic time in microseconds; none for never.
 std::optional<double> secondsSince(std::uint64_t then) {
@@ -123,15 +124,24 @@ std::vector<std::string> coresIn(const TableDirectory& directory) {
 
 void showCores(const TableDirectory& directory, const std::vector<std::string>& cores,
                Report& report) {
-   forEachCore(directory, cores.empty() ? coresIn(directory) : cores, report,
-               [&](const CoreMonitor& monitor) {
-                  const OwnerLife owner = monitor.owner(); // before the state, as it says there
-                  const std::optional<CoreState> state = monitor.state();
-                  if (!state) {
-                     throw Failure(ExitCode::unknownName, fmt::format(noState, monitor.coreName()));
-                  }
-                  row(monitor.coreName(), *state, owner, report);
-               });
+   const std::vector<std::string> all = coresIn(directory);
+   if (cores.empty() && all.empty()) {
+      report.nothing(
+         fmt::format("no core has shown itself in {}; tarn-shadowd owns some", directory.path()));
+   }
+   forEachCore(directory, cores.empty() ? all : cores, report, [&](const CoreMonitor& monitor) {
+      const OwnerLife owner = monitor.owner(); // before the state, as it says there
+      const std::optional<CoreState> state = monitor.state();
+      if (!state) {
+         Board::NearNames near(monitor.coreName());
+         for (const std::string& core : all) {
+            near.add(core);
+         }
+         throw Failure(ExitCode::unknownName,
+                       fmt::format(noState, monitor.coreName(), Board::didYouMean(near.nearest())));
+      }
+      row(monitor.coreName(), *state, owner, report);
+   });
 }
 
 void resyncCores(const TableDirectory& directory, const std::vector<std::string>& cores,

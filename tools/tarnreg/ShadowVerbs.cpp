@@ -9,6 +9,7 @@
 
 #include "tools/tarnreg/Failure.h"
 #include "tools/tarnreg/NumberFormat.h"
+#include "tools/tarnreg/OutputReader.h"
 #include "tools/tarnreg/Printable.h"
 #include "tools/tarnreg/Selection.h"
 #include "tools/tarnreg/ShadowAssignments.h"
@@ -29,6 +30,8 @@ constexpr const char* unknown = "-";
 constexpr const char* notHeld = "{} {}, not {}, after {} s; the wish stands";
 constexpr const char* notKnown = "{} is not known to be {} after {} s, and the wish stands; core "
                                  "'{}' is not ready: {}";
+constexpr const char* nothingKnown =
+   "core '{}' is not ready, nothing is known of its registers: {}";
 constexpr const char* heldLast = "core '{}' is not ready, its registers are shown as they were "
                                  "last known: {}";
 
@@ -50,13 +53,12 @@ Selection selected(ShadowView& view, const std::vector<std::string>& patterns, R
    return selection;
 }
 
-/// Tells who is shown values whether they are worth anything.
-void tellFreshness(ShadowView& view, bool isAnyKnown, Report& report) {
+/// Tells who is shown values whether they are worth anything, or why there are none.
+void warnUnlessReady(ShadowView& view, bool isAnyKnown, Report& report) {
    const CoreMonitor& monitor = view.client().monitor();
-   const bool isReady = monitor.isReady();
-   report.property("ready", isReady);
-   if (isAnyKnown && !isReady) {
-      report.warning(fmt::format(heldLast, monitor.coreName(), monitor.summary()));
+   if (!monitor.isReady()) {
+      report.warning(isAnyKnown ? fmt::format(heldLast, monitor.coreName(), monitor.summary())
+                                : fmt::format(nothingKnown, monitor.coreName(), monitor.summary()));
    }
 }
 
@@ -81,7 +83,8 @@ void listShadow(ShadowView& view, const std::vector<std::string>& patterns, Repo
                                 text(*record, wish, report.base()), differs ? "  differs" : ""),
                     std::move(element));
       }
-      tellFreshness(view, isAnyKnown, report);
+      report.property("ready", view.client().monitor().isReady());
+      warnUnlessReady(view, isAnyKnown, report);
    });
 }
 
@@ -96,7 +99,10 @@ void getShadow(ShadowView& view, const std::vector<std::string>& patterns, Repor
             report.failure(codeOf(error), error.what(), record->name);
          }
       }
-      tellFreshness(view, isAnyKnown, report);
+      report.property("ready", view.client().monitor().isReady());
+      if (isAnyKnown) { // otherwise each of them has said it
+         warnUnlessReady(view, true, report);
+      }
    });
 }
 
@@ -155,11 +161,17 @@ void setShadow(ShadowView& view, const std::vector<std::string>& texts,
 
 void unsetShadow(ShadowView& view, const std::vector<std::string>& patterns, Report& report) {
    onShadow([&] {
-      for (const HardwareRegister* record : selected(view, patterns, report)) {
+      bool isAnyWished = false;
+      const Selection selection = selected(view, patterns, report);
+      for (const HardwareRegister* record : selection) {
          if (const Value wish = view.client().wish(record->address)) {
+            isAnyWished = true;
             view.client().wishDel(record->name);
             report.value(*record, *wish);
          }
+      }
+      if (!isAnyWished && !selection.empty()) {
+         report.nothing("nothing was wished of them");
       }
    });
 }
@@ -202,6 +214,7 @@ void watchShadow(ShadowView& view, const std::vector<std::string>& patterns,
             show(*record, value);
          }
       }
+      warnUnlessReady(view, !held.empty(), report);
       const auto isOver = [&] {
          if (const std::string damage = view.client().damage(); !damage.empty()) {
             throw Failure(ExitCode::general, damage);
@@ -210,7 +223,8 @@ void watchShadow(ShadowView& view, const std::vector<std::string>& patterns,
       };
       if (!options.timeout) {
          // As long as it takes; a signal ends it.
-         while (!view.loop().runUntil(isOver, std::chrono::hours(1))) {
+         while (!view.loop().runUntil(isOver, std::chrono::seconds(1))) {
+            endWithoutReader();
          }
       } else if (!view.loop().runUntil(isOver, *options.timeout) && options.count != 0) {
          throw Failure(ExitCode::timeout,
@@ -246,6 +260,9 @@ void diffShadow(ShadowView& view, const std::vector<std::string>& patterns, Repo
          report.row(fmt::format("{}  {}  {}", padded(*record, width), unknown,
                                 text(*record, wish, report.base())),
                     std::move(element));
+      }
+      if (wished == 0 && !selection.empty()) {
+         report.nothing("nothing is wished of them");
       }
       if (differing > 0) {
          report.failure(ExitCode::general,

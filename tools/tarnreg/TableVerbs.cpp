@@ -9,10 +9,12 @@
 
 #include <fmt/format.h>
 
+#include "board/NearNames.h"
 #include "platform/entity/EventLoop.h"
 #include "platform/tables/TableMount.h"
 #include "platform/tables/TableService.h"
 #include "tools/tarnreg/Failure.h"
+#include "tools/tarnreg/OutputReader.h"
 #include "tools/tarnreg/Printable.h"
 #include "tools/tarnreg/TableText.h"
 
@@ -26,15 +28,43 @@ using Platform::Tables::TableShape;
 
 namespace {
 
+std::vector<std::string> namesIn(const TableDirectory& directory) {
+   try {
+      return directory.tableNames();
+   } catch (const std::system_error& error) {
+      const bool refused = error.code() == std::errc::permission_denied;
+      throw Failure(refused ? ExitCode::refused : ExitCode::general, error.what());
+   }
+}
+
+/// The same for a verb that is about all of them, which says so when there are none.
+std::vector<std::string> allIn(const TableDirectory& directory, Report& report) {
+   std::vector<std::string> names = namesIn(directory);
+   if (names.empty()) {
+      report.nothing(fmt::format("there are no shared tables in {}", directory.path()));
+   }
+   return names;
+}
+
+[[noreturn]] void throwUnknownTable(const TableDirectory& directory, const std::string& name) {
+   Board::NearNames near(name);
+   for (const std::string& each : namesIn(directory)) {
+      near.add(each);
+   }
+   std::vector<std::string> names = near.nearest();
+   std::transform(names.begin(), names.end(), names.begin(), shownName);
+   throw Failure(ExitCode::unknownName, fmt::format("there is no shared table '{}'{}",
+                                                    printable(name), Board::didYouMean(names)));
+}
+
 /// Runs `work` and turns what may go wrong with a table into the command's failures.
 template <typename Work>
-auto onTable(const std::string& name, const Work& work) {
+auto onTable(const TableDirectory& directory, const std::string& name, const Work& work) {
    try {
       return work();
    } catch (const std::system_error& error) {
       if (error.code() == std::errc::no_such_file_or_directory) {
-         throw Failure(ExitCode::unknownName,
-                       fmt::format("there is no shared table '{}'", printable(name)));
+         throwUnknownTable(directory, name);
       }
       const bool refused = error.code() == std::errc::permission_denied ||
                            error.code() == std::errc::device_or_resource_busy;
@@ -128,7 +158,7 @@ nlohmann::ordered_json joined(nlohmann::ordered_json first, const nlohmann::orde
 } // namespace
 
 void listTables(const TableDirectory& directory, Report& report) {
-   const std::vector<std::string> names = onTable("", [&] { return directory.tableNames(); });
+   const std::vector<std::string> names = allIn(directory, report);
    std::size_t width = 0;
    for (const std::string& name : names) {
       width = std::max(width, shownName(name).size());
@@ -136,7 +166,7 @@ void listTables(const TableDirectory& directory, Report& report) {
    for (const std::string& name : names) {
       // One that cannot be read hides none of the others.
       try {
-         onTable(name, [&] {
+         onTable(directory, name, [&] {
             View view(directory, name);
             const TableShape& shape = view.mount().shape();
             const std::size_t records = view.mount().count();
@@ -163,7 +193,7 @@ void listTables(const TableDirectory& directory, Report& report) {
 }
 
 void describeTable(const TableDirectory& directory, const std::string& name, Report& report) {
-   onTable(name, [&] {
+   onTable(directory, name, [&] {
       View view(directory, name);
       const TableShape& shape = view.mount().shape();
       const TableMount::Audit audit = view.mount().audit();
@@ -196,7 +226,7 @@ void describeTable(const TableDirectory& directory, const std::string& name, Rep
 }
 
 void dumpTable(const TableDirectory& directory, const std::string& name, Report& report) {
-   onTable(name, [&] {
+   onTable(directory, name, [&] {
       View view(directory, name);
       struct Row {
          std::string key;
@@ -217,6 +247,9 @@ void dumpTable(const TableDirectory& directory, const std::string& name, Report&
       for (const Row& row : rows) {
          width = std::max(width, row.key.size());
       }
+      if (rows.empty()) {
+         report.nothing("the table has no records");
+      }
       for (const Row& row : rows) {
          report.row(fmt::format("{:<{}}  {}", row.key, width, view.text().record(row.record)),
                     joined(view.text().keyJson(row.keyBytes), view.text().recordJson(row.record)));
@@ -230,7 +263,7 @@ void watchTable(const TableDirectory& directory, const std::string& name,
       throw Failure(ExitCode::usage, "--json prints one document at the end: give it one with "
                                      "--count or --timeout");
    }
-   onTable(name, [&] {
+   onTable(directory, name, [&] {
       View view(directory, name);
       Platform::EventLoop loop;
       Platform::Tables::TableService service(loop, directory);
@@ -273,7 +306,8 @@ void watchTable(const TableDirectory& directory, const std::string& name,
       look(false);
       if (!options.timeout) {
          // As long as it takes; a signal ends it.
-         while (!loop.runUntil(isEnough, std::chrono::hours(1))) {
+         while (!loop.runUntil(isEnough, std::chrono::seconds(1))) {
+            endWithoutReader();
          }
       } else if (!loop.runUntil(isEnough, *options.timeout) && options.count != 0) {
          throw Failure(ExitCode::timeout,
@@ -284,10 +318,9 @@ void watchTable(const TableDirectory& directory, const std::string& name,
 
 void auditTables(const TableDirectory& directory, const std::vector<std::string>& names,
                  Report& report) {
-   for (const std::string& name :
-        names.empty() ? onTable("", [&] { return directory.tableNames(); }) : names) {
+   for (const std::string& name : names.empty() ? allIn(directory, report) : names) {
       try {
-         onTable(name, [&] {
+         onTable(directory, name, [&] {
             View view(directory, name);
             const TableMount::Audit audit = view.mount().audit();
             report.row(fmt::format("{}  {} records, {}", shownName(name), audit.records,
@@ -312,7 +345,7 @@ void auditTables(const TableDirectory& directory, const std::vector<std::string>
 
 void removeTable(const TableDirectory& directory, const std::string& name, bool force,
                  Report& report) {
-   onTable(name, [&] { directory.tableDel(name, force); });
+   onTable(directory, name, [&] { directory.tableDel(name, force); });
    report.row(fmt::format("removed {}", shownName(name)), {{"name", jsonText(name)}});
 }
 

@@ -88,6 +88,9 @@ void checkFile(const std::string& file, TarnRegFile::ProblemSeverity failOn, Rep
 /// The short names of the types that describeType() knows.
 std::vector<std::string> typeNames();
 
+/// The operations that callOperation() knows.
+std::vector<std::string> operationNames();
+
 /// Describes the type of that name from its reflection table; without a name, lists the types.
 void describeType(const std::string& type, Report& report);
 

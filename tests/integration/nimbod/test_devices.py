@@ -103,12 +103,15 @@ class Devices(unittest.TestCase):
         self.assertIn("77", err)
 
     def test_without_a_daemon_the_device_does_not_open(self):
-        for url, reason in ((f"{MAIN}?socket={self.dir}/none", "No such file or directory"),
-                            (f"{MAIN}?socket={self.list}", "Connection refused")):
+        for socket, reason in ((f"{self.dir}/none", "No such file or directory"),
+                               (self.list, "Connection refused")):
+            url = f"{MAIN}?socket={socket}"
             code, out, err = self.run_on(url, "read", "ID")
             self.assertEqual((5, ""), (code, out))
             self.assertEqual(
-                f"tarnreg: error: {url}: Error connecting to Nimbo daemon: {reason}\n", err)
+                f"tarnreg: error: {url}: Error connecting to Nimbo daemon: {reason}; looked for at "
+                f"{socket}: start nimbod, or say with ?socket=PATH, NM_SOCKET_DIR or NM_SOCKET_FILE "
+                "where it listens\n", err)
 
     def test_a_socket_that_cannot_be_named_is_not_cut_off(self):
         code, out, err = self.run_on(f"{MAIN}?socket={self.dir}/{'x' * 100}", "read", "ID")

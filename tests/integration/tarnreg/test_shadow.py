@@ -3,6 +3,7 @@
 import json
 import os
 import shutil
+import signal
 import subprocess
 import tempfile
 import unittest
@@ -75,9 +76,13 @@ class Shadow(TarnregTest):
 
     def test_without_an_owner_nothing_is_known_and_nothing_is_made(self):
         self.assertEqual(self.shadow("get", "SCRATCH")[0], 5)
-        self.assertEqual(self.shadow("list", "SCRATCH"), (0, "SCRATCH  -  -\n", ""))
-        self.assertEqual(self.shadow("diff"), (0, "", ""))
-        self.assertEqual(self.shadow("unset", "SCRATCH"), (0, "", ""))
+        warning = ("tarnreg: warning: core 'fpga' is not ready, nothing is known of its registers: "
+                   "no owner of it has shown itself\n")
+        self.assertEqual(self.shadow("list", "SCRATCH"), (0, "SCRATCH  -  -\n", warning))
+        self.assertEqual(self.shadow("watch", "SCRATCH", "--timeout", "0.01"), (0, "", warning))
+        self.assertEqual(self.shadow("diff"), (0, "", "tarnreg: note: nothing is wished of them\n"))
+        self.assertEqual(self.shadow("unset", "SCRATCH"),
+                         (0, "", "tarnreg: note: nothing was wished of them\n"))
         self.assertEqual([name for name in os.listdir(self.tables) if name.endswith(".tbl")], [])
 
     def test_an_owner_that_comes_later_finds_the_wish(self):
@@ -124,7 +129,7 @@ class Shadow(TarnregTest):
         )
         self.assertEqual(self.shadow("unset", "*"),
                          (0, "SCRATCH  0x00000009\nLED      0x3\n", ""))
-        self.assertEqual(self.shadow("diff"), (0, "", ""))
+        self.assertEqual(self.shadow("diff"), (0, "", "tarnreg: note: nothing is wished of them\n"))
         self.assertEqual(self.shadow("get", "SCRATCH"), (0, "SCRATCH  0x00000009\n", ""))
 
     def test_a_wish_for_what_has_no_value_differs(self):
@@ -175,6 +180,56 @@ class Shadow(TarnregTest):
         code, _, err = self.shadow("watch", "SCRATCH", "--count", "1", "--timeout", "0.1")
         self.assertEqual((code, err), (6, "tarnreg: error: 0 of 1 changes came in time\n"))
         self.assertEqual(self.shadow("watch", "--json")[0], 2)
+
+    def test_a_watch_ends_when_nobody_reads_it_any_more(self):
+        self.owner("5=1")
+        watching = subprocess.Popen([TARNREG, "-b", self.board, "-d", "fpga", "shadow", "watch"],
+                                    stdout=subprocess.PIPE, text=True,
+                                    env=environment(TARN_TABLE_DIR=self.tables))
+        self.addCleanup(watching.kill)
+        self.assertEqual(watching.stdout.readline(), "SCRATCH  0x00000001\n")
+        watching.stdout.close()
+        self.assertEqual(watching.wait(TIMEOUT), -signal.SIGPIPE)
+
+    def test_a_core_that_was_mistyped(self):
+        self.owner("5=1")
+        code, out, err = run("shadow", "state", "fgpa",
+                             env={"TARN_TABLE_DIR": self.tables}).__dict__.values()
+        self.assertEqual((code, out, err), (3, "", "tarnreg: error: core 'fgpa': no owner of it has "
+                                            "shown itself; did you mean fpga?\n"))
+        result = run("table", "dump", "fpga/stats", env={"TARN_TABLE_DIR": self.tables})
+        self.assert_run(result, 3, "")
+        self.assertIn("there is no shared table 'fpga/stats'; did you mean fpga/stat", result.err)
+
+    def test_a_watch_prints_lines_of_json(self):
+        owner = self.owner("4=1", "5=1")
+        watching = subprocess.Popen(
+            [TARNREG, "-b", self.board, "-d", "fpga", "shadow", "watch", "SCRATCH", "LED",
+             "--json-lines", "--count", "1"],
+            stdout=subprocess.PIPE, text=True, env=environment(TARN_TABLE_DIR=self.tables))
+        self.addCleanup(watching.stdout.close)
+        self.addCleanup(watching.kill)
+        first = json.loads(watching.stdout.readline())
+        self.assertEqual((first["schema"], first["name"], first["value"], first["previous"]),
+                         ("tarnreg-watch/1", "SCRATCH", 1, None))
+        self.assertEqual(self.shadow("set", "SCRATCH=7", "--wait")[0], 0)
+        second = json.loads(watching.stdout.readline())
+        self.assertEqual((second["name"], second["value"], second["previous"]), ("SCRATCH", 7, 1))
+        self.assertGreaterEqual(second["time"], first["time"])
+        self.assertEqual(watching.wait(TIMEOUT), 0)
+        self.assertEqual(watching.stdout.read(), "")
+        self.assertIsNone(owner.poll())
+
+    def test_lines_of_json_have_failures_too(self):
+        self.owner("5=1")
+        code, out, err = self.shadow("watch", "NOPE", "SCRATCH", "--json-lines", "--count", "1",
+                                     "--timeout", "0.01")
+        error, change, late = (json.loads(line) for line in out.splitlines())
+        self.assertEqual((code, error["name"], error["error"]["code"]), (3, "NOPE", "unknown-name"))
+        self.assertEqual((change["name"], change["value"]), ("SCRATCH", 1))
+        self.assertEqual(late["error"], {"code": "timeout", "text": "0 of 1 changes came in time"})
+        self.assertIn("0 of 1 changes came in time", err)
+        self.assertEqual(self.shadow("watch", "--json-lines", "--json")[0], 2)
 
     def test_a_damaged_table_is_told(self):
         owner = self.owner("5=1")

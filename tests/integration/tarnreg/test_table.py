@@ -46,9 +46,11 @@ class Tables(unittest.TestCase):
         return done.code, done.out, done.err
 
     def test_nothing_there_is_nothing_wrong(self):
-        self.assertEqual(self.table("list"), (0, "", ""))
-        self.assertEqual(self.table("audit"), (0, "", ""))
-        self.assertEqual(self.table("list", "--dir", self.dir + "/none"), (0, "", ""))
+        note = f"tarnreg: note: there are no shared tables in {self.dir}\n"
+        self.assertEqual(self.table("list"), (0, "", note))
+        self.assertEqual(self.table("audit"), (0, "", note))
+        self.assertEqual(self.table("list", "--dir", self.dir + "/none"),
+                         (0, "", f"tarnreg: note: there are no shared tables in {self.dir}/none\n"))
 
     def test_lists_and_describes_what_processes_have_mounted(self):
         process = self.writer("fan-cpld/config")
@@ -166,7 +168,7 @@ class Tables(unittest.TestCase):
         process.kill()
         process.wait(TIMEOUT)
         self.assertEqual(self.table("remove", "t"), (0, "removed t\n", ""))
-        self.assertEqual(self.table("list"), (0, "", ""))
+        self.assertEqual(self.table("list")[:2], (0, ""))
         self.writer("t")
         self.assertEqual(self.table("remove", "t", "--force"), (0, "removed t\n", ""))
 

@@ -92,25 +92,25 @@ class Sorn(unittest.TestCase):
                                       "R4", "R5")
         self.assertEqual(3, code, "an unknown name comes first")
         self.assertEqual("R1  0x00000000\nR5  0x00000000\n", out)
-        self.assertEqual(["tarnreg: error: cannot read R2: busError: Input/output error",
-                          "tarnreg: error: cannot read R3: busError: Input/output error",
-                          "tarnreg: error: cannot read R4: timedOut: Connection timed out"],
+        self.assertEqual(["tarnreg: error: cannot read R2: /dev/i2c-3: busError: Input/output error",
+                          "tarnreg: error: cannot read R3: /dev/i2c-3: busError: Input/output error",
+                          "tarnreg: error: cannot read R4: /dev/i2c-3: timedOut: Connection timed out"],
                          err.splitlines()[1:])
 
     def test_nobody_there_and_no_bus(self):
         self.assertEqual(
-            (5, "", "tarnreg: error: cannot read R1: noDevice: No such device or address\n"),
+            (5, "", "tarnreg: error: cannot read R1: /dev/i2c-3: noDevice: No such device or address\n"),
             self.tarnreg("sorn:/dev/i2c-3@0x52", "read", "R1"))
         self.assertEqual(
-            (5, "", "tarnreg: error: cannot read R1: failed: No such file or directory\n"),
+            (5, "", "tarnreg: error: cannot read R1: /dev/i2c-9: failed: No such file or directory\n"),
             self.tarnreg("sorn:/dev/i2c-9@0x52", "read", "R1"))
 
     def test_a_hung_bus_ends_at_the_time_out(self):
         self.assertEqual(
-            (6, "", "tarnreg: error: cannot read R1: timedOut: Connection timed out\n"),
+            (6, "", "tarnreg: error: cannot read R1: /dev/i2c-4: timedOut: Connection timed out\n"),
             self.tarnreg("sorn:/dev/i2c-4@0x50", "read", "R1", "--timeout", "0.05"))
         self.assertEqual(
-            (6, "", "tarnreg: error: cannot write R1: timedOut: Connection timed out\n"),
+            (6, "", "tarnreg: error: cannot write R1: /dev/i2c-4: timedOut: Connection timed out\n"),
             self.tarnreg("sorn:/dev/i2c-4@0x50?timeout=50", "write", "R1=1"))
 
     def test_an_interrupt_ends_it_while_the_bus_hangs(self):

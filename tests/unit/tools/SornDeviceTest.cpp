@@ -106,14 +106,16 @@ TEST_F(SornDeviceTest, AFailedReadIsNoValueAndSaysStatusAndReason) {
              }),
              ExitCode::deviceError);
    EXPECT_EQ(out, "A  0x00000000\nH  0x0000\n");
-   EXPECT_EQ(err, "tarnreg: error: cannot read B: busError: Input/output error\n");
+   EXPECT_EQ(err, std::string("tarnreg: error: cannot read B: ") + path +
+                     ": busError: Input/output error\n");
    simulated->faults().add({.kind = Hardware::FaultKind::nak});
    EXPECT_EQ(run([&](auto& report, auto& console) {
                 TarnReg::writeRegisters(*device, {"A=1"}, {}, console, report);
              }),
              ExitCode::deviceError);
    EXPECT_EQ(out, "");
-   EXPECT_EQ(err, "tarnreg: error: cannot write A: noDevice: No such device or address\n");
+   EXPECT_EQ(err, std::string("tarnreg: error: cannot write A: ") + path +
+                     ": noDevice: No such device or address\n");
 }
 
 TEST_F(SornDeviceTest, ABusThatTimesOutHasItsOwnCode) {
@@ -121,7 +123,8 @@ TEST_F(SornDeviceTest, ABusThatTimesOutHasItsOwnCode) {
    openSimulated(lines);
    EXPECT_EQ(run([&](auto& report, auto&) { TarnReg::readRegisters(*device, {"A"}, report); }),
              ExitCode::timeout);
-   EXPECT_EQ(err, "tarnreg: error: cannot read A: timedOut: Connection timed out\n");
+   EXPECT_EQ(err, std::string("tarnreg: error: cannot read A: ") + path +
+                     ": timedOut: Connection timed out\n");
 }
 
 TEST_F(SornDeviceTest, AHungBusEndsAtTheTimeOutOfTheUrl) {
@@ -142,7 +145,8 @@ TEST_F(SornDeviceTest, APollOverAHungBusEndsAtItsOwnTimeOut) {
                    Pace::real(), report);
              }),
              ExitCode::timeout);
-   EXPECT_THAT(err, testing::HasSubstr("cannot read A: timedOut: Connection timed out"));
+   EXPECT_THAT(err, testing::HasSubstr(std::string("cannot read A: ") + path +
+                                       ": timedOut: Connection timed out"));
    gate->gateIs(true);
 }
 
