@@ -83,7 +83,7 @@ public:
    std::optional<R> get(const Key& key) const {
       const KeyBytes bytes = _bytesOf(key);
       RecordWords words;
-      const std::optional<std::size_t> size = _mounted().get(bytes, words);
+      const std::optional<std::size_t> size = _get(bytes, words);
       if (!size) {
          return std::nullopt;
       }
@@ -163,7 +163,7 @@ public:
       RecordWords words;
       for (std::uint32_t position = 0;;) {
          // Asked anew each time: `visit` may unmount.
-         const std::optional<std::size_t> size = _mounted().next(position, key, words);
+         const std::optional<std::size_t> size = _next(position, key, words);
          if (!size) {
             return;
          }

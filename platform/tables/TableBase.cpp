@@ -35,9 +35,10 @@ std::span<const std::uint8_t> bytesOf(const std::vector<Word>& words, std::size_
 /// unmount, or destroy, the table.
 ///
 /// The journal names what has changed, up to its length. Whoever is behind by more looks through
-/// the whole table, and tells what is not as it was: the keys that there were, and the stamps that
-/// their records had, are kept for that. So a writer that is always ahead by more than the journal
-/// costs a look through the table from time to time, and never has anything told twice.
+/// the whole table, and tells what is not as it was: the keys that there were, or that were seen
+/// since, and the stamps that their records had, are kept for that. So a writer that is always
+/// ahead by more than the journal costs a look through the table from time to time, and never has
+/// anything told twice.
 class TableBase::Changes : public std::enable_shared_from_this<TableBase::Changes> {
 public:
    Changes(TableBase& table, TableService& service)
@@ -230,6 +231,32 @@ TableMount& TableBase::_mounted() {
    return const_cast<TableMount&>(std::as_const(*this)._mounted());
 }
 
+std::optional<std::size_t> TableBase::_get(std::span<const std::uint8_t> key,
+                                           std::span<std::uint64_t> record) const {
+   const std::optional<std::size_t> size = _mounted().get(key, record);
+   if (size) {
+      _seen(key);
+   }
+   return size;
+}
+
+std::optional<std::size_t> TableBase::_next(std::uint32_t& position, std::span<std::uint64_t> key,
+                                            std::span<std::uint64_t> record) const {
+   const std::optional<std::size_t> size = _mounted().next(position, key, record);
+   if (size) {
+      _seen({reinterpret_cast<const std::uint8_t*>(key.data()), _shape.keySize});
+   }
+   return size;
+}
+
+/// A record that somebody has seen may be removed before the change that made it is told, and both
+/// be missed: then he is to be told of the removal all the same.
+void TableBase::_seen(std::span<const std::uint8_t> key) const {
+   if (_changes && _mount->isBehind()) [[unlikely]] {
+      _changes->known.add(key);
+   }
+}
+
 void TableBase::_put(std::span<const std::uint8_t> key, std::span<const std::uint8_t> record) {
    const bool isNew = _mounted().put(key, record);
    if (!_changes) {
@@ -258,7 +285,7 @@ std::vector<std::vector<std::uint8_t>> TableBase::_keys() const {
    std::vector<Word> key(mount.keyWords());
    std::vector<Word> record(mount.recordWords());
    std::vector<std::vector<std::uint8_t>> keys;
-   for (std::uint32_t position = 0; mount.next(position, key, record);) {
+   for (std::uint32_t position = 0; _next(position, key, record);) {
       const std::span<const std::uint8_t> bytes = bytesOf(key, _shape.keySize);
       keys.emplace_back(bytes.begin(), bytes.end());
    }

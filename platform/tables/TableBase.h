@@ -103,6 +103,12 @@ protected:
    const TableMount& _mounted() const;
    TableMount& _mounted();
 
+   /// Read as TableMount's, and keep account of the keys that were seen.
+   std::optional<std::size_t> _get(std::span<const std::uint8_t> key,
+                                   std::span<std::uint64_t> record) const;
+   std::optional<std::size_t> _next(std::uint32_t& position, std::span<std::uint64_t> key,
+                                    std::span<std::uint64_t> record) const;
+
    /// Writes, and keeps account of the keys there are.
    void _put(std::span<const std::uint8_t> key, std::span<const std::uint8_t> record);
    std::optional<std::size_t> _del(std::span<const std::uint8_t> key,
@@ -115,6 +121,7 @@ private:
    friend class CollectionControl;
    class Changes;
 
+   void _seen(std::span<const std::uint8_t> key) const;
    void _statusIs(MountStatus status, const String& text);
    void _corruptedIs(const TableService* service, const String& message);
 

@@ -266,6 +266,8 @@ public:
       return state == TableImage::ChangeState::change;
    }
 
+   bool isBehind() const noexcept { return !_image.isLatest(_cursor); }
+
    bool arm() {
       _bell->arm();
       return _head() == _cursor;
@@ -566,6 +568,10 @@ std::optional<std::size_t> TableMount::next(std::uint32_t& position, std::span<s
 
 TableMount::Change TableMount::nextChange(std::span<std::uint64_t> key) {
    return _impl->nextChange(key);
+}
+
+bool TableMount::isBehind() const noexcept {
+   return _impl->isBehind();
 }
 
 bool TableMount::preparedChange(std::span<std::uint64_t> key) const {

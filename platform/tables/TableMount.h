@@ -128,6 +128,9 @@ public:
    /// The next change that another mount made, whose key goes to `key`.
    Change nextChange(std::span<std::uint64_t> key);
 
+   /// Whether what was just read may be of a change that nextChange() has still to tell. Cheap.
+   bool isBehind() const noexcept;
+
    /// The change that a writer has prepared, and perhaps committed before it died; it is told again
    /// once another writer publishes it. For who was woken without finding a change.
    bool preparedChange(std::span<std::uint64_t> key) const;

@@ -98,6 +98,14 @@ public:
    /// it, and may have died after its commit. none or change.
    ChangeState preparedChange(Word cursor, Word* key) const noexcept;
 
+   /// Whether nothing beyond the change number `cursor` has been prepared, so that none can have
+   /// been committed: asked after a record was read, it tells whether that can be of a later
+   /// change.
+   bool isLatest(Word cursor) const noexcept {
+      const Word round = _shape.journalEntries;
+      return loadRelaxed(_journalEntry(cursor)) == (cursor < round ? 0 : cursor + 1 - round);
+   }
+
    /// Value of a control word. False: it is damaged.
    bool control(Control control, Word& value) const noexcept {
       return Seal::unseal(loadAcquire(_control(control)), _controlSalt(control), value);

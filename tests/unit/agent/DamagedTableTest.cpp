@@ -5,18 +5,23 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "platform/tables/TableMount.h"
 #include "tests/support/TempDir.h"
 #include "tests/torture/Tracee.h"
+#include "tests/unit/platform/tables/ChildProcess.h"
 
 namespace Agent {
 namespace {
@@ -49,7 +54,7 @@ protected:
       }
    }
 
-   std::string file(const std::string& suffix) const { return directory.path("tables/t" + suffix); }
+   std::string file(const std::string& suffix) const { return front + suffix; }
 
    /// Damages the record of a key.
    void damage(std::uint32_t key, const std::string& suffix = ".tbl") const {
@@ -94,6 +99,7 @@ protected:
 
    TestSupport::TempDir directory;
    TableDirectory tables{directory.path("tables")};
+   std::string front = directory.path("tables/t");
 };
 
 TEST_F(DamagedTableTest, EveryUndamagedRecordIsInTheNewOne) {
@@ -345,6 +351,63 @@ TEST_F(DamagedTableTest, WhatWasSavedIsNotUsedIfItIsDamagedItself) {
    EXPECT_EQ(replaced.kept, 99u);
    EXPECT_FALSE(replaced.isKnown);
    EXPECT_THAT(tables.tableNames(), testing::ElementsAre("t"));
+}
+
+TEST_F(DamagedTableTest, HoweverLittleRoomThereIsNothingIsLost) {
+   const std::string place = directory.path("small");
+   std::filesystem::create_directory(place);
+   TablesTest::ChildProcess child([&](TablesTest::ChildProcess& self) {
+      if (::unshare(CLONE_NEWNS) != 0 ||
+          ::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0 ||
+          ::mount("small", place.c_str(), "tmpfs", 0, "size=4m") != 0) {
+         self.say('s');
+         return;
+      }
+      self.say('r');
+      tables = TableDirectory(place + "/tables");
+      front = place + "/tables/t";
+      unsigned refused = 0;
+      unsigned done = 0;
+      // From no room at all to enough of it.
+      for (std::size_t room = 0; done < 3 && room < 400; room += 10) {
+         {
+            TableMount mount(tables, "t",
+                             {.role = TableRole::writer, .shape = shape(), .create = true});
+            for (std::uint32_t key = 1; key <= 1000; ++key) {
+               mount.put(bytesOf(key), bytesOf(0xabcd0000 + key));
+            }
+         }
+         damage(7);
+         const std::string filling = place + "/filling";
+         const int fd = ::open(filling.c_str(), O_RDWR | O_CREAT, 0600);
+         const std::string block(4096, 'x');
+         off_t size = 0;
+         for (ssize_t got; (got = ::write(fd, block.data(), block.size())) > 0; size += got) {
+         }
+         EXPECT_EQ(::ftruncate(fd, std::max<off_t>(0, size - static_cast<off_t>(4096 * room))), 0);
+         ::close(fd);
+         try {
+            replace(all());
+            ++done;
+         } catch (const std::system_error& error) {
+            EXPECT_EQ(error.code(), std::errc::no_space_on_device);
+            ++refused;
+            ::unlink(filling.c_str());
+            mend();
+         }
+         ::unlink(filling.c_str());
+         EXPECT_EQ(count(), 999u) << room;
+         tables.tableDel("t", true);
+         ::unlink((place + "/tables/t.damaged").c_str());
+         ::unlink((place + "/tables/t.damaged.old").c_str());
+      }
+      EXPECT_GT(refused, 3u);
+      EXPECT_EQ(done, 3u);
+   });
+   if (child.hear() == 's') {
+      GTEST_SKIP() << "this process may not mount a file system of its own";
+   }
+   EXPECT_TRUE(child.succeeds());
 }
 
 TEST_F(DamagedTableTest, WithoutRoomForWhatIsSavedTheDamagedOneStays) {

@@ -220,6 +220,63 @@ TEST_F(Service, TheRemovalOfAnOwnRecordIsToldAlsoIfAnotherHadMadeItAndAllWasMiss
    EXPECT_EQ(reader.told.size(), 2U);
 }
 
+// Who looks need not wait until he is told.
+TEST_F(Service, TheRemovalOfWhatWasSeenIsToldAlsoIfItsMakingAndAllWasMissed) {
+   writer.table->mount(service, writes());
+   reader.table->mount(service, {});
+   loop.poll();
+   for (const std::uint32_t key : {1U, 2U, 3U, 4U}) {
+      writer.table->put(record(key));
+      if (key == 1) {
+         EXPECT_TRUE(reader.table->has({1}));
+      } else if (key == 2) {
+         EXPECT_EQ(reader.table->keys().size(), 1U);
+      } else if (key == 3) {
+         reader.table->forEach([](const NumberRecord&) {});
+      }
+      writer.table->del({key});
+   }
+   for (unsigned i = 0; i < 5000; ++i) {
+      writer.table->put(record(7, i));
+   }
+   settle(reader);
+   for (const std::uint32_t key : {1U, 2U, 3U, 7U}) {
+      EXPECT_TRUE(reader.wasTold(key)) << key;
+   }
+   EXPECT_FALSE(reader.wasTold(4)) << "nobody has seen it";
+   EXPECT_EQ(reader.told.size(), 4U);
+}
+
+// Also when the removal is of a record that was found in place of the one that was told of.
+TEST_F(Service, WhatIsSeenWhileAnotherRemovalIsToldIsToldWhenItGoes) {
+   writer.table->mount(service, writes());
+   writer.table->put(record(1));
+   reader.table->mount(service, {});
+   loop.poll();
+   const auto overtake = [&] {
+      for (unsigned i = 0; i < 5000; ++i) {
+         writer.table->put(record(7, i));
+      }
+   };
+   std::vector<bool> seen;
+   reader.onChange = [&](std::uint32_t key) {
+      if (key == 1) {
+         if (seen.empty()) {
+            writer.table->put(record(1, 1)); // just before it is looked for
+         }
+         seen.push_back(reader.table->has({1}));
+         if (seen.size() == 1) {
+            writer.table->del({1});
+            overtake();
+         }
+      }
+   };
+   writer.table->del({1});
+   overtake();
+   settle(reader);
+   EXPECT_THAT(seen, ElementsAre(true, false));
+}
+
 // Two mounts write, remove and make anew, and are told now and then, often of more than the journal
 // holds: what each made of it is what the table has.
 TEST_F(Service, WhoLooksAtWhatItIsToldOfKnowsTheTable) {
@@ -286,12 +343,12 @@ TEST_F(Service, WhoLooksAtWhatItIsToldOfKnowsTheTable) {
             }
          };
       }
-      for (std::size_t who : {0U, 1U}) {
-         const std::size_t other = 1 - who;
-         owners[other].table->put(record(200 + static_cast<std::uint32_t>(other), 1));
-         beliefs[other].insert_or_assign(200 + static_cast<std::uint32_t>(other), 1);
-         ASSERT_TRUE(
-            runUntil([&] { return owners[who].wasTold(200 + static_cast<std::uint32_t>(other)); }));
+      // The first may be found with all that was missed; the second comes after that.
+      for (const std::uint32_t last : {200U, 201U, 202U, 203U}) {
+         const std::size_t who = last % 2;
+         owners[who].table->put(record(last, 1));
+         beliefs[who].insert_or_assign(last, 1);
+         ASSERT_TRUE(runUntil([&] { return owners[1 - who].wasTold(last); }));
       }
       std::map<std::uint32_t, std::uint64_t> table;
       owners[0].table->forEach(
@@ -304,6 +361,63 @@ TEST_F(Service, WhoLooksAtWhatItIsToldOfKnowsTheTable) {
       }
       directory.tableDel("random", true);
    }
+}
+
+// Writers in other processes that are killed at any moment, and are ahead of the reader by more
+// than the journal holds, again and again.
+TEST_F(Service, WhoLooksAtWhatItIsToldOfKnowsTheTableWhoeverIsKilled) {
+   reader.table->mount(service, writes());
+   std::map<std::uint32_t, std::uint64_t> belief;
+   reader.onChange = [&](std::uint32_t key) {
+      const auto found = reader.table->get({key});
+      belief.erase(key);
+      if (found) {
+         belief.emplace(key, found->value);
+      }
+   };
+   std::minstd_rand random(1);
+   for (std::uint32_t round = 0; round < 20; ++round) {
+      ChildProcess child([&](ChildProcess& self) {
+         TableMount mount(directory, "numbers", {.role = TableRole::writer});
+         std::minstd_rand own(round);
+         self.say();
+         for (std::uint64_t i = 0;; ++i) {
+            const auto key = static_cast<std::uint32_t>(own() % 500);
+            if (own() % 3 != 0) {
+               Bytes written(12);
+               std::memcpy(written.data(), &key, sizeof key);
+               std::memcpy(written.data() + 4, &i, sizeof i);
+               mount.put(bytes(key), written);
+            } else {
+               del(mount, key);
+            }
+         }
+      });
+      child.hear();
+      for (std::uint32_t turns = random() % 50; turns > 0; --turns) {
+         loop.poll();
+         const auto key = static_cast<std::uint32_t>(random() % 500);
+         if (random() % 2 == 0) {
+            reader.table->put(record(key, round));
+            belief.insert_or_assign(key, round);
+         } else if (reader.table->del({key})) {
+            belief.erase(key);
+         }
+      }
+      child.kill();
+   }
+   reader.onStatus = [] { ADD_FAILURE() << "the table is not damaged"; };
+   writer.table->mount(service, writes());
+   // The first may be found with all that was missed; the second comes after that.
+   for (const std::uint32_t last : {1000U, 1001U}) {
+      writer.table->put(record(last, 1));
+      ASSERT_TRUE(runUntil([&] { return reader.wasTold(last); }));
+   }
+   std::map<std::uint32_t, std::uint64_t> table;
+   reader.table->forEach(
+      [&](const NumberRecord& held) { table.emplace(held.itsKey.value, held.value); });
+   EXPECT_EQ(belief, table);
+   reader.onStatus = {};
 }
 
 TEST_F(Service, TellsAWriterOfManyRecordsOnlyWhatOthersChanged) {
