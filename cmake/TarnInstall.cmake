@@ -56,6 +56,14 @@ if(TARN_BUILD_PROGRAMS)
     COMPONENT tools)
   install(FILES ${PROJECT_SOURCE_DIR}/tools/tarnreg/completion/_tarnreg
     DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools)
+  # bash looks for a file of the program's name, zsh in all of them for what they are for.
+  foreach(program nimbod nimboctl tarn-shadowd tarnsim)
+    install(FILES ${PROJECT_SOURCE_DIR}/tools/completion/programs.bash
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ${program}
+      COMPONENT tools)
+  endforeach()
+  install(FILES ${PROJECT_SOURCE_DIR}/tools/completion/_nimbod
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools)
   # The units name the programs by their full paths, which only the installation knows.
   file(RELATIVE_PATH bindir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_BINDIR})
   foreach(unit nimbo/nimbod.service nimbo/nimbod.socket agent/tarn-shadowd.service)

@@ -131,6 +131,9 @@ std::vector<std::string> Command::_namesOf(WordKind kind) const {
    case WordKind::types:
       names = typeNames();
       break;
+   case WordKind::operations:
+      names = operationNames();
+      break;
    case WordKind::other:
    case WordKind::file:
       break;

@@ -18,6 +18,8 @@ constexpr std::pair<std::string_view, WordKind> kinds[] = {{"PATTERN", WordKind:
                                                            {"CORE", WordKind::cores},
                                                            {"TABLE", WordKind::tables},
                                                            {"TYPE", WordKind::types},
+                                                           {"OPERATION", WordKind::operations},
+                                                           {"ARGUMENT", WordKind::registers},
                                                            {"FILE", WordKind::file},
                                                            {"LIST", WordKind::file},
                                                            {"DIRECTORY", WordKind::file}};

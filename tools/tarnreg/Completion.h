@@ -21,7 +21,8 @@ enum class WordKind {
    devices,
    cores,
    tables,
-   types
+   types,
+   operations
 };
 
 /// The kind of what the help calls `placeholder`.

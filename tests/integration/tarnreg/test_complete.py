@@ -88,6 +88,11 @@ class Words(CompletionTest):
     def test_are_types(self):
         self.assertEqual(self.complete("describe", "TransportMethodE")[1], ["TransportMethodError"])
 
+    def test_are_operations_and_then_registers(self):
+        self.assertEqual(self.complete("call", "regReadA"), ("words", ["regReadArray"]))
+        self.assertEqual(self.complete("-d", "fpga", "call", "regRead", "LED_S"),
+                         ("words", ["LED_SYSTEM"]))
+
     def test_are_never_what_a_terminal_might_obey(self):
         path = self.list(b"0,A\x1b[31m,control,true,8\n1,AB,control,true,8\n")
         self.assertEqual(self.complete("-f", path, "read", "A")[1], ["AB"])
