@@ -107,7 +107,8 @@ std::string TopView::_line(const Row& row, std::size_t columns) const {
    const std::string value =
       row.history.empty() ? "" : formatNumber(*row.history.back(), row.width, _style.base);
    const std::size_t room = std::min(_valueWidth, columns - used);
-   const std::string shown = fitted(value, room);
+   // Without its last digits a value would look like another one.
+   const std::string shown = value.size() > room ? std::string(room, '>') : fitted(value, room);
    const bool inverse = _style.color && row.hasChanged;
    return name + (inverse ? "\033[7m" + shown + "\033[0m" : shown) +
           _plot(row, columns - used - room);

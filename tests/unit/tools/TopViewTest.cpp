@@ -96,6 +96,13 @@ TEST_F(TopViewTest, NoLineIsLongerThanTheScreen) {
    }
 }
 
+TEST_F(TopViewTest, AValueThatThereIsNoRoomForIsNotShownInPart) {
+   TopView top = view();
+   top.valueIs(1, 0x1234);
+   EXPECT_THAT(top.lines(1, 1, 14), ElementsAre("  LONG  0x1234"));
+   EXPECT_THAT(top.lines(1, 1, 13), ElementsAre("  LONG  >>>>>"));
+}
+
 TEST_F(TopViewTest, AScreenBeginsWhereOneHasScrolledTo) {
    const TopView top = view();
    EXPECT_EQ(top.size(), 3U);
