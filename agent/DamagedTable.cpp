@@ -115,12 +115,14 @@ Salvage salvaged(const Platform::Tables::TableDirectory& directory, const std::s
 
 /// What is left from an earlier time, of which `salvage` has nothing newer, is added.
 void added(const Salvage& older, Salvage& salvage) {
-   std::set<Bytes> keys;
+   // As texts: optimising, GCC 12 takes the comparison of byte vectors for one that overruns.
+   const auto textOf = [](const Bytes& key) { return std::string(key.begin(), key.end()); };
+   std::set<std::string> keys;
    for (const auto& [key, record] : salvage.records) {
-      keys.insert(key);
+      keys.insert(textOf(key));
    }
    for (const auto& entry : older.records) {
-      if (!keys.contains(entry.first)) {
+      if (!keys.contains(textOf(entry.first))) {
          salvage.records.push_back(entry);
       }
    }
